@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages that building, running and testing need.
+# Idempotent: asks apt only for what is missing. Uses sudo only when not root.
+set -euo pipefail
+
+packages=(
+  # build
+  cmake g++ make pkg-config
+  qt6-base-dev qcoro-qt6-dev libcurl4-openssl-dev zlib1g-dev libarchive-dev
+  libcpp-httplib-dev libsqlite3-dev libssl-dev
+  # independent checkers and clients used by the self-test, tests and benchmarks
+  unzip libarchive-tools p7zip-full python3 curl openssl procps
+)
+if [ "${1:-}" = "--with-browser" ]; then
+  packages+=(chromium)
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+echo "Installing: ${missing[*]}" >&2
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
