@@ -1,9 +1,82 @@
+#include "app/selftest.h"
+
 #include <QCoreApplication>
-#include <QTextStream>
+#include <QDir>
+#include <QMetaObject>
+#include <QStringList>
+#include <QtConcurrent>
+
+#include <cstdio>
+
+using namespace lofthaven;
+
+namespace {
+
+enum class Mode
+{
+    Desktop,
+    SelfTestOffline,
+    SelfTestFull
+};
+
+struct Invocation
+{
+    Mode mode = Mode::Desktop;
+    QString folder; // empty: the temporary directory, removed after a successful run
+};
+
+Invocation parseArguments(const QStringList &args)
+{
+    const QString full = QStringLiteral("--selftest");
+    const QString offline = QStringLiteral("--selftest-offline");
+    Invocation invocation;
+    qsizetype at = args.indexOf(full);
+    if (at >= 0) {
+        invocation.mode = Mode::SelfTestFull;
+    } else if ((at = args.indexOf(offline, 1)) >= 0) {
+        invocation.mode = Mode::SelfTestOffline;
+    } else {
+        return invocation;
+    }
+    // The other switch directly after this one is not a folder.
+    if (at + 1 < args.size() && args.at(at + 1) != full && args.at(at + 1) != offline)
+        invocation.folder = args.at(at + 1);
+    return invocation;
+}
+
+int runSelfTest(QCoreApplication &app, const Invocation &invocation)
+{
+    const bool keepRoot = !invocation.folder.isEmpty();
+    const QString workFolder = keepRoot ? invocation.folder : QDir::tempPath();
+    const bool online = invocation.mode == Mode::SelfTestFull;
+    // The main thread only waits in its event loop; the test ends the process through it.
+    QThreadPool::globalInstance()->start([workFolder, online, keepRoot] {
+        SelfTest test(workFolder);
+        const int status = test.run(online, keepRoot);
+        QMetaObject::invokeMethod(
+            qApp, [status] { QCoreApplication::exit(status); }, Qt::QueuedConnection);
+    });
+    return app.exec();
+}
+
+} // namespace
 
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    QTextStream(stderr) << "The desktop screens are not built yet; use --selftest-offline.\n";
+    QCoreApplication::setOrganizationName(QStringLiteral("Lofthaven"));
+    QCoreApplication::setApplicationName(QStringLiteral("Lofthaven"));
+
+    const Invocation invocation = parseArguments(app.arguments());
+    switch (invocation.mode) {
+    case Mode::SelfTestOffline:
+    case Mode::SelfTestFull:
+        return runSelfTest(app, invocation);
+    case Mode::Desktop:
+        break;
+    }
+    std::fputs("The desktop screens are not built yet; run lofthaven --selftest-offline to "
+               "check the send engine.\n",
+               stderr);
     return 1;
 }

@@ -1,0 +1,98 @@
+#include "send/partproducer.h"
+
+#include "api/apperror.h"
+#include "send/zipstream.h"
+
+#include <QDir>
+#include <QFile>
+
+namespace lofthaven {
+
+namespace {
+
+void writeAll(QFile &file, const char *data, qint64 length)
+{
+    if (file.write(data, length) != length)
+        throw AppError(file.fileName() + u": " + file.errorString());
+}
+
+} // namespace
+
+PartProducer::PartProducer(SendPlan plan, qint64 partSize, QString spillDir)
+    : m_plan(std::move(plan))
+    , m_partSize(partSize)
+    , m_spillDir(std::move(spillDir))
+{
+    if (m_partSize <= 0)
+        throw AppError(QStringLiteral("The service asked for an invalid part size."));
+    if (m_plan.isZip) {
+        m_zip = std::make_unique<ZipStream>(m_plan.items);
+        if (!QDir().mkpath(m_spillDir))
+            throw AppError(u"Can't create the folder " + m_spillDir + u".");
+    }
+}
+
+PartProducer::~PartProducer() = default;
+
+std::optional<PartPayload> PartProducer::next(int partNumber)
+{
+    if (m_zip)
+        return nextSpilled(partNumber);
+    if (m_offset >= m_plan.size)
+        return std::nullopt;
+    const qint64 length = std::min(m_plan.size - m_offset, m_partSize);
+    PartPayload payload = PartPayload::fileRange(m_plan.items.first().path, m_offset, length);
+    m_offset += length;
+    return payload;
+}
+
+std::optional<PartPayload> PartProducer::nextSpilled(int partNumber)
+{
+    const QString path = m_spillDir + u"/part-" + QString::number(partNumber);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
+        throw AppError(path + u": " + file.errorString());
+
+    qint64 written = 0;
+    if (m_carryPos < m_carry.size()) {
+        const qint64 take = std::min<qint64>(m_partSize, m_carry.size() - m_carryPos);
+        writeAll(file, m_carry.constData() + m_carryPos, take);
+        m_carryPos += take;
+        written += take;
+    }
+    while (written < m_partSize) {
+        std::optional<QByteArray> chunk = m_zip->next();
+        if (!chunk)
+            break;
+        const qint64 take = std::min<qint64>(m_partSize - written, chunk->size());
+        writeAll(file, chunk->constData(), take);
+        written += take;
+        // At most one chunk's remainder is held back for the next part.
+        m_carry = std::move(*chunk);
+        m_carryPos = take;
+    }
+    if (m_carryPos >= m_carry.size()) {
+        m_carry.clear();
+        m_carryPos = 0;
+    }
+    file.close();
+    if (file.error() != QFileDevice::NoError)
+        throw AppError(path + u": " + file.errorString());
+
+    if (written > 0) {
+        m_produced += written;
+        return PartPayload::spilled(path, written);
+    }
+    if (!file.remove())
+        throw AppError(path + u": " + file.errorString());
+    return std::nullopt;
+}
+
+bool PartProducer::isFinished() const
+{
+    if (m_zip)
+        return m_carryPos >= m_carry.size() && m_produced == m_plan.size;
+    return m_offset == m_plan.size;
+}
+
+} // namespace lofthaven

@@ -1,0 +1,167 @@
+#include "send/sendplan.h"
+
+#include "api/apperror.h"
+#include "platform/bytecount.h"
+#include "platform/finderorder.h"
+#include "platform/mimetypes.h"
+#include "send/zipstream.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QLocale>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace lofthaven {
+
+namespace {
+
+constexpr qsizetype kMaxArchiveItems = 65000;
+constexpr qint64 kMaxArchiveSize = 0xFFFFFFFFLL; // no ZIP64: sizes and offsets are 32-bit
+
+bool isIgnoredName(const char *name)
+{
+    return std::strcmp(name, ".DS_Store") == 0 || std::strcmp(name, "Thumbs.db") == 0;
+}
+
+QDateTime modificationTime(const struct stat &st)
+{
+    const qint64 ms = qint64(st.st_mtim.tv_sec) * 1000 + st.st_mtim.tv_nsec / 1000000;
+    return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC);
+}
+
+SendItem makeItem(const QByteArray &path, QString name, const struct stat &st)
+{
+    return SendItem{QFile::decodeName(path), std::move(name), qint64(st.st_size),
+                    modificationTime(st)};
+}
+
+// Collects the regular files below `root` (an absolute, clean path). One directory is open at a
+// time and every entry costs at most one fstatat relative to it; symbolic links are never
+// followed (O_NOFOLLOW on every directory we descend into, AT_SYMLINK_NOFOLLOW on every stat).
+// Unreadable folders and entries that vanish meanwhile are passed over silently.
+QList<SendItem> collectFolder(const QByteArray &root, const QString &folder)
+{
+    QList<SendItem> items;
+    QList<QByteArray> pending{QByteArray()}; // paths relative to root
+    while (!pending.isEmpty()) {
+        const QByteArray rel = pending.takeLast();
+        const QByteArray dirPath = rel.isEmpty() ? root : root + '/' + rel;
+        const int fd = ::open(dirPath.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0)
+            continue;
+        DIR *dir = ::fdopendir(fd);
+        if (!dir) {
+            ::close(fd);
+            continue;
+        }
+        while (const dirent *entry = ::readdir(dir)) {
+            const char *name = entry->d_name;
+            if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)))
+                continue;
+            if (entry->d_type == DT_LNK)
+                continue;
+            const QByteArray childRel = rel.isEmpty() ? QByteArray(name) : rel + '/' + name;
+            if (entry->d_type == DT_DIR) {
+                pending.append(childRel);
+                continue;
+            }
+            if (isIgnoredName(name))
+                continue;
+            struct stat st;
+            if (::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+                continue;
+            if (S_ISDIR(st.st_mode)) {
+                pending.append(childRel); // file systems that report DT_UNKNOWN
+            } else if (S_ISREG(st.st_mode)) {
+                items.append(makeItem(root + '/' + childRel,
+                                      folder + u'/' + QString::fromUtf8(childRel), st));
+            }
+        }
+        ::closedir(dir);
+    }
+    return items;
+}
+
+QString systemError(const QString &path, int error)
+{
+    return path + u": " + QString::fromLocal8Bit(std::strerror(error));
+}
+
+} // namespace
+
+SendPlan SendPlan::make(const QList<QString> &paths)
+{
+    QList<SendItem> items;
+    const FinderOrder order;
+    for (const QString &selected : paths) {
+        const QString path = QDir::cleanPath(QFileInfo(selected).absoluteFilePath());
+        const QByteArray native = QFile::encodeName(path);
+        struct stat st;
+        if (::lstat(native.constData(), &st) != 0)
+            throw AppError(systemError(path, errno));
+        if (S_ISREG(st.st_mode)) {
+            items.append(makeItem(native, QFileInfo(path).fileName(), st));
+        } else if (S_ISDIR(st.st_mode)) {
+            QList<SendItem> block = collectFolder(native, QFileInfo(path).fileName());
+            std::stable_sort(block.begin(), block.end(),
+                             [&order](const SendItem &a, const SendItem &b) {
+                                 return order.compare(a.name, b.name) < 0;
+                             });
+            items.append(std::move(block));
+        }
+        // Anything else (a symbolic link, a device, a socket) is skipped without a message.
+    }
+    return fromItems(std::move(items), paths.size());
+}
+
+SendPlan SendPlan::fromItems(QList<SendItem> items, qsizetype selectionCount)
+{
+    const qsizetype count = items.size();
+    if (count == 1 && !items.first().name.contains(u'/')) {
+        const SendItem &item = items.first();
+        if (item.size == 0)
+            throw AppError(item.name + u" is empty.");
+        SendPlan plan;
+        plan.name = item.name;
+        plan.size = item.size;
+        plan.mime = mimeTypeForFileName(item.name);
+        plan.items = std::move(items);
+        return plan;
+    }
+    if (count == 0)
+        throw AppError(QStringLiteral("Nothing to send (empty folder?)."));
+    if (count > kMaxArchiveItems)
+        throw AppError(u"Too many files (" + QString::number(count) + u"). Zip the folder first.");
+
+    SendPlan plan;
+    const bool oneFolder =
+        selectionCount == 1 && std::all_of(items.cbegin(), items.cend(), [](const SendItem &item) {
+            return item.name.contains(u'/');
+        });
+    if (oneFolder) {
+        plan.name = items.first().name.section(u'/', 0, 0) + u".zip";
+    } else {
+        const QLocale posix(QLocale::English, QLocale::UnitedStates);
+        plan.name = u"Lofthaven-" +
+                    posix.toString(QDateTime::currentDateTime(), QStringLiteral("yyyyMMdd-HHmm")) +
+                    u".zip";
+    }
+    plan.size = ZipStream::predictedSize(items);
+    if (plan.size >= kMaxArchiveSize)
+        throw AppError(u"Zipped folders are limited to 4 GB (this one is " +
+                       formatByteCount(plan.size) + u"). Send the files one by one.");
+    plan.isZip = true;
+    plan.mime = QStringLiteral("application/zip");
+    plan.items = std::move(items);
+    return plan;
+}
+
+} // namespace lofthaven
