@@ -1,0 +1,277 @@
+#include "receive/unzipinplace.h"
+
+#include "api/apperror.h"
+#include "api/cancelled.h"
+#include "receive/filenames.h"
+#include "receive/nooverwrite.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QLoggingCategory>
+#include <QUuid>
+
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <cerrno>
+#include <clocale>
+#include <cstring>
+#include <filesystem>
+#include <langinfo.h>
+#include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+
+Q_LOGGING_CATEGORY(lcUnzip, "lofthaven.receive.unzip")
+
+namespace lofthaven {
+
+namespace {
+
+// No ARCHIVE_EXTRACT_OWNER/PERM/ACL/XATTR/FFLAGS: modes are cleaned by hand and the umask
+// applies. SECURE_NOABSOLUTEPATHS is left out because we hand libarchive absolute paths under
+// our own folder (cwd is process-wide, so no chdir); absolute entry names are refused earlier.
+constexpr int kWriteFlags = ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                            ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_NO_OVERWRITE;
+constexpr int kNameMax = 255;
+const QString kTempPrefix = QStringLiteral(".lh-unzip-");
+
+struct Refused
+{
+    QString reason;
+};
+
+[[noreturn]] void refuse(const QString &reason)
+{
+    throw Refused{reason};
+}
+
+QString archiveErrorText(archive *a)
+{
+    const char *text = archive_error_string(a);
+    return text ? QString::fromLocal8Bit(text) : QStringLiteral("unknown archive error");
+}
+
+// libarchive converts entry names to the locale's encoding; under LANG=C every non-ASCII name
+// would fail, and Qt does not switch LC_CTYPE to UTF-8 by itself.
+void ensureUtf8Ctype()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        const char *codeset = nl_langinfo(CODESET);
+        if (codeset && (qstricmp(codeset, "UTF-8") == 0 || qstricmp(codeset, "utf8") == 0))
+            return;
+        if (!std::setlocale(LC_CTYPE, "C.UTF-8"))
+            std::setlocale(LC_CTYPE, "en_US.UTF-8");
+    });
+}
+
+struct ReadArchive
+{
+    archive *a = archive_read_new();
+    ~ReadArchive() { archive_read_free(a); }
+};
+
+struct DiskWriter
+{
+    archive *a = archive_write_disk_new();
+    ~DiskWriter() { archive_write_free(a); }
+};
+
+// Resource forks and Finder metadata that macOS adds to archives; not user files.
+bool isAppleMetadata(const QList<QByteArray> &components)
+{
+    return components.first() == "__MACOSX" || components.last().startsWith("._");
+}
+
+// Judged on the name libarchive will write, not on any earlier listing: local and central
+// names in a ZIP can differ.
+QList<QByteArray> checkedComponents(const QByteArray &name)
+{
+    if (name.isEmpty())
+        refuse(QStringLiteral("empty entry name"));
+    if (name.startsWith('/'))
+        refuse(u"absolute path " + QString::fromUtf8(name));
+    QList<QByteArray> components = name.split('/');
+    if (components.size() > 1 && components.last().isEmpty())
+        components.removeLast(); // "folder/"
+    for (const QByteArray &component : components) {
+        if (component.isEmpty() || component == "." || component == "..")
+            refuse(u"unsafe path " + QString::fromUtf8(name));
+        if (component.size() > kNameMax)
+            refuse(u"name too long in " + QString::fromUtf8(name));
+    }
+    return components;
+}
+
+void checkStop(const std::stop_token &stop)
+{
+    if (stop.stop_requested())
+        throw Cancelled();
+}
+
+void extractInto(const QString &archivePath, const QString &tempFolder, qint64 byteBudget,
+                 const std::stop_token &stop)
+{
+    ReadArchive reader;
+    DiskWriter writer;
+    if (!reader.a || !writer.a)
+        refuse(QStringLiteral("out of memory"));
+    // ZIP only: no other format's parser is reachable from a downloaded file.
+    archive_read_support_format_zip(reader.a);
+    archive_write_disk_set_options(writer.a, kWriteFlags);
+    if (archive_read_open_filename(reader.a, QFile::encodeName(archivePath).constData(),
+                                   64 * 1024) != ARCHIVE_OK)
+        refuse(archiveErrorText(reader.a));
+
+    const QByteArray prefix = QFile::encodeName(tempFolder) + '/';
+    qint64 written = 0;
+    for (;;) {
+        checkStop(stop);
+        archive_entry *entry = nullptr;
+        const int header = archive_read_next_header(reader.a, &entry);
+        if (header == ARCHIVE_EOF)
+            break;
+        if (header < ARCHIVE_WARN)
+            refuse(archiveErrorText(reader.a));
+
+        const char *rawName = archive_entry_pathname(entry);
+        if (!rawName)
+            refuse(QStringLiteral("entry name not representable in UTF-8"));
+        const QByteArray name(rawName);
+        const QList<QByteArray> components = checkedComponents(name);
+        if (isAppleMetadata(components))
+            continue;
+
+        const auto type = archive_entry_filetype(entry);
+        if (archive_entry_hardlink(entry) || (type != AE_IFREG && type != AE_IFDIR))
+            refuse(u"not a regular file or folder: " + QString::fromUtf8(name));
+        // Keep rwx bits only (no setuid, setgid, sticky); we must be able to read and remove
+        // what we wrote.
+        const mode_t perm = archive_entry_perm(entry) & 0777;
+        archive_entry_set_perm(entry, perm | (type == AE_IFDIR ? 0700 : 0600));
+        const QByteArray fullPath = prefix + name;
+        archive_entry_set_pathname(entry, fullPath.constData());
+
+        if (archive_write_header(writer.a, entry) < ARCHIVE_WARN)
+            refuse(QString::fromUtf8(name) + u": " + archiveErrorText(writer.a));
+
+        if (type == AE_IFREG) {
+            for (int block = 0;; ++block) {
+                const void *data = nullptr;
+                size_t size = 0;
+                la_int64_t offset = 0;
+                const int read = archive_read_data_block(reader.a, &data, &size, &offset);
+                if (read == ARCHIVE_EOF)
+                    break;
+                if (read < ARCHIVE_WARN)
+                    refuse(QString::fromUtf8(name) + u": " + archiveErrorText(reader.a));
+                written += qint64(size);
+                // Holes count too: the offset is the file's length after this block.
+                if (written > byteBudget || offset + qint64(size) > byteBudget)
+                    refuse(QStringLiteral("more bytes than the budget of %1").arg(byteBudget));
+                if (archive_write_data_block(writer.a, data, size, offset) < ARCHIVE_WARN)
+                    refuse(QString::fromUtf8(name) + u": " + archiveErrorText(writer.a));
+                if (block % 64 == 63)
+                    checkStop(stop);
+            }
+        }
+        if (archive_write_finish_entry(writer.a) < ARCHIVE_WARN)
+            refuse(QString::fromUtf8(name) + u": " + archiveErrorText(writer.a));
+    }
+    // Applies the deferred folder times and modes.
+    if (archive_write_close(writer.a) < ARCHIVE_WARN)
+        refuse(archiveErrorText(writer.a));
+}
+
+void removeTree(const QString &path)
+{
+    std::error_code ec; // remove_all does not follow symlinks
+    std::filesystem::remove_all(QFile::encodeName(path).toStdString(), ec);
+}
+
+QString withoutExtension(const QString &fileName)
+{
+    const qsizetype dot = fileName.lastIndexOf(u'.');
+    return dot > 0 ? fileName.left(dot) : fileName;
+}
+
+// Trip/Trip/... -> Trip/...: the archive carried its own top folder.
+QString collapseDoubledFolder(const QString &target)
+{
+    const QFileInfo targetInfo(target);
+    const QDir targetDir(target);
+    const QStringList entries =
+        targetDir.entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    if (entries.size() != 1 || entries.first() != targetInfo.fileName())
+        return target;
+
+    const QString inner = targetDir.filePath(entries.first());
+    const QString hop =
+        targetInfo.dir().filePath(kTempPrefix + QUuid::createUuid().toString(QUuid::WithoutBraces));
+    if (renameNoReplace(inner, hop) != 0)
+        return target;
+    if (::rmdir(QFile::encodeName(target).constData()) != 0) {
+        renameNoReplace(hop, inner);
+        return target;
+    }
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        // Someone may take the freed name meanwhile; then the next free one will do.
+        const QString final =
+            attempt == 0 ? target : uniquePath(targetInfo.path(), targetInfo.fileName());
+        const int error = renameNoReplace(hop, final);
+        if (error == 0)
+            return final;
+        if (error != EEXIST)
+            break;
+    }
+    qCWarning(lcUnzip) << "left extracted folder under" << hop;
+    return hop;
+}
+
+} // namespace
+
+QString unzipInPlace(const QString &archive, qint64 byteBudget, std::stop_token stop)
+{
+    ensureUtf8Ctype();
+    const QFileInfo archiveInfo(archive);
+    const QString archiveName = archiveInfo.fileName();
+    const QString folder = archiveInfo.absolutePath();
+    const QString baseName = withoutExtension(archiveName);
+
+    const QString temp =
+        QDir(folder).filePath(kTempPrefix + QUuid::createUuid().toString(QUuid::WithoutBraces));
+    QString target;
+    try {
+        if (::mkdir(QFile::encodeName(temp).constData(), 0777) != 0)
+            refuse(u"cannot create the temporary folder: " + systemErrorText(errno));
+        // libarchive's symlink check walks the whole path, so give it one without symlinks.
+        const QString realTemp = QFileInfo(temp).canonicalFilePath();
+        if (realTemp.isEmpty())
+            refuse(QStringLiteral("temporary folder vanished"));
+        extractInto(archive, realTemp, byteBudget, stop);
+        checkStop(stop);
+
+        for (int attempt = 0;; ++attempt) {
+            target = uniquePath(folder, baseName);
+            const int error = renameNoReplace(temp, target);
+            if (error == 0)
+                break;
+            if (error != EEXIST || attempt >= 1000)
+                refuse(u"cannot name the folder: " + systemErrorText(error));
+        }
+    } catch (const Refused &refused) {
+        removeTree(temp);
+        qCWarning(lcUnzip).noquote() << "refused" << archiveName << "-" << refused.reason;
+        throw AppError(u"Couldn't unzip " + archiveName + u'.');
+    } catch (...) {
+        removeTree(temp);
+        throw;
+    }
+
+    ::unlink(QFile::encodeName(archive).constData());
+    return collapseDoubledFolder(target);
+}
+
+} // namespace lofthaven
