@@ -44,7 +44,7 @@ struct HttpRequest
     QByteArray method = "GET";
     QUrl url;
     HttpHeaders headers;
-    QByteArray body;                 // in-memory body (JSON)
+    QByteArray body;                  // in-memory body (JSON)
     std::optional<FileBody> fileBody; // streamed body (part uploads)
 
     // Idle limit: a transfer slower than 1 byte/s for this long is cut (curl's low-speed rule).
@@ -55,8 +55,11 @@ struct HttpRequest
     bool followRedirects = false;
     // A captured body larger than this fails the request (no memory blow-up).
     qint64 maxCapturedBody = 1 << 20;
+    // Keep the first maxCapturedBody bytes and drop the rest instead of failing (error bodies of
+    // downloads, where the status matters more than the whole text).
+    bool truncateCapturedBody = false;
 
-    std::shared_ptr<ResponseSink> sink;              // optional: stream the body instead
+    std::shared_ptr<ResponseSink> sink;                // optional: stream the body instead
     std::function<void(qint64 sent)> onUploadProgress; // transfer thread
 };
 
@@ -65,6 +68,8 @@ struct HttpResponse
     int status = 0;
     HttpHeaders headers;
     QByteArray body; // captured body (empty when a sink took it)
+    // The sink's write() returned false and the request was stopped: the sink holds the reason.
+    bool sinkAborted = false;
     QByteArray header(const QByteArray &name) const; // case-insensitive, first match
 };
 

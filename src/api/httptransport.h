@@ -3,6 +3,7 @@
 #include "api/httprequest.h"
 
 #include <QCoroTask>
+#include <memory>
 #include <stop_token>
 
 namespace lofthaven {
@@ -21,7 +22,18 @@ public:
     QCoro::Task<HttpResponse> send(HttpRequest request, std::stop_token stop = {});
     // Adds a CA bundle that is trusted in addition to the system's (tests with their own CA).
     void setExtraCaFile(const QString &path);
+    // Stops the thread; requests still running resolve with Cancelled. The next send() starts
+    // it again. Also runs when the QCoreApplication is destroyed.
     void shutdown();
+
+    HttpTransport(const HttpTransport &) = delete;
+    HttpTransport &operator=(const HttpTransport &) = delete;
+
+private:
+    HttpTransport();
+    ~HttpTransport();
+    struct Private;
+    std::unique_ptr<Private> d;
 };
 
 } // namespace lofthaven
