@@ -90,6 +90,15 @@ QList<SendItem> collectFolder(const QByteArray &root, const QString &folder)
     return items;
 }
 
+// By the extension alone: a bare "README" or ".env" has none, so no type is announced.
+std::optional<QString> mimeTypeForExtension(const QString &name)
+{
+    const qsizetype dot = name.lastIndexOf(u'.');
+    if (dot <= 0 || dot == name.size() - 1)
+        return std::nullopt;
+    return mimeTypeForFileName(u"file" + name.mid(dot));
+}
+
 QString systemError(const QString &path, int error)
 {
     return path + u": " + QString::fromLocal8Bit(std::strerror(error));
@@ -132,7 +141,7 @@ SendPlan SendPlan::fromItems(QList<SendItem> items, qsizetype selectionCount)
         SendPlan plan;
         plan.name = item.name;
         plan.size = item.size;
-        plan.mime = mimeTypeForFileName(item.name);
+        plan.mime = mimeTypeForExtension(item.name);
         plan.items = std::move(items);
         return plan;
     }

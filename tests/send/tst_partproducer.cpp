@@ -1,0 +1,229 @@
+#include "api/apperror.h"
+#include "send/partproducer.h"
+#include "send/readrange.h"
+#include "send/sendplan.h"
+#include "send/zipstream.h"
+#include "testfiles.h"
+
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace lofthaven;
+
+class TestPartProducer : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void spilledParts_data();
+    void spilledParts();
+    void fileRanges_data();
+    void fileRanges();
+    void readRange_data();
+    void readRange();
+    void streamErrorsPassThrough();
+    void spillFolderMustBeCreatable();
+    void spillFileIsReplaced();
+};
+
+namespace {
+
+QByteArray referenceArchive(const SendPlan &plan)
+{
+    ZipStream stream(plan.items);
+    QByteArray all;
+    while (std::optional<QByteArray> chunk = stream.next())
+        all += *chunk;
+    return all;
+}
+
+} // namespace
+
+void TestPartProducer::spilledParts_data()
+{
+    QTest::addColumn<QList<qint64>>("fileSizes");
+    QTest::addColumn<qint64>("partSize");
+    QTest::addColumn<int>("expectedParts");
+    // The self-test's Trip archive is 8,389 bytes.
+    QTest::newRow("trip / 1000") << QList<qint64>{3000, 5123} << qint64(1000) << 9;
+    QTest::newRow("trip / 4096") << QList<qint64>{3000, 5123} << qint64(4096) << 3;
+    QTest::newRow("trip / 1 MiB, one part") << QList<qint64>{3000, 5123} << qint64(1048576) << 1;
+    QTest::newRow("trip / exact size") << QList<qint64>{3000, 5123} << qint64(8389) << 1;
+    QTest::newRow("trip / smaller than a header") << QList<qint64>{3000, 5123} << qint64(7) << 1199;
+    // Parts that straddle 1 MiB data chunks carry the chunk's remainder over.
+    QTest::newRow("carry across chunks")
+        << QList<qint64>{2500000, 0, 1048576} << qint64(300007) << 12;
+    QTest::newRow("part of two chunks exactly")
+        << QList<qint64>{2 * 1048576} << qint64(1048576) << 3;
+}
+
+void TestPartProducer::spilledParts()
+{
+    QFETCH(QList<qint64>, fileSizes);
+    QFETCH(qint64, partSize);
+    QFETCH(int, expectedParts);
+    QTemporaryDir dir;
+    const QStringList names{"a.bin", "Sub/bé ✓.bin", "c"}; // the self-test's names come first
+    for (qsizetype i = 0; i < fileSizes.size(); ++i)
+        QVERIFY(testfiles::writeFile(dir.filePath(u"Trip/" + names.at(i)),
+                                     testfiles::randomBytes(fileSizes.at(i), quint32(i))));
+    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("Trip"))});
+    QVERIFY(plan.isZip);
+    const QByteArray reference = referenceArchive(plan);
+    QCOMPARE(reference.size(), plan.size);
+
+    const QString spill = dir.filePath(QStringLiteral("spill/deeper"));
+    PartProducer producer(plan, partSize, spill);
+    QVERIFY(QFileInfo(spill).isDir());
+    QByteArray joined;
+    int number = 0;
+    while (std::optional<PartPayload> part = producer.next(number + 1)) {
+        ++number;
+        QVERIFY(!producer.isFinished() || joined.size() + part->length == plan.size);
+        QVERIFY(part->isSpilled());
+        QCOMPARE(part->path, spill + u"/part-" + QString::number(number));
+        const QByteArray bytes = testfiles::readFile(part->path);
+        QCOMPARE(bytes.size(), part->length);
+        const qint64 expectedLength = std::min(partSize, plan.size - joined.size());
+        QCOMPARE(part->length, expectedLength);
+        joined += bytes;
+        QVERIFY(number <= expectedParts);
+    }
+    QCOMPARE(number, expectedParts);
+    QVERIFY(joined == reference);
+    QVERIFY(producer.isFinished());
+    QVERIFY(!QFile::exists(spill + u"/part-" + QString::number(number + 1)));
+    // Asked again, it still has nothing and leaves nothing behind.
+    QVERIFY(!producer.next(number + 2));
+    QVERIFY(!QFile::exists(spill + u"/part-" + QString::number(number + 2)));
+    // Spilled parts stay until the caller removes the folder.
+    QCOMPARE(QDir(spill).entryList(QDir::Files).size(), expectedParts);
+}
+
+void TestPartProducer::fileRanges_data()
+{
+    QTest::addColumn<qint64>("fileSize");
+    QTest::addColumn<qint64>("partSize");
+    QTest::addColumn<QList<qint64>>("offsets");
+    QTest::addColumn<QList<qint64>>("lengths");
+    QTest::newRow("exactly two parts")
+        << qint64(2000) << qint64(1000) << QList<qint64>{0, 1000} << QList<qint64>{1000, 1000};
+    QTest::newRow("short last part") << qint64(2001) << qint64(1000) << QList<qint64>{0, 1000, 2000}
+                                     << QList<qint64>{1000, 1000, 1};
+    QTest::newRow("part larger than file")
+        << qint64(10) << qint64(1000) << QList<qint64>{0} << QList<qint64>{10};
+}
+
+void TestPartProducer::fileRanges()
+{
+    QFETCH(qint64, fileSize);
+    QFETCH(qint64, partSize);
+    QFETCH(QList<qint64>, offsets);
+    QFETCH(QList<qint64>, lengths);
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("movie.mp4"));
+    const QByteArray bytes = testfiles::randomBytes(fileSize);
+    QVERIFY(testfiles::writeFile(path, bytes));
+    const SendPlan plan = SendPlan::make({path});
+    QVERIFY(!plan.isZip);
+    const QString spill = dir.filePath(QStringLiteral("spill"));
+    PartProducer producer(plan, partSize, spill);
+    QList<qint64> gotOffsets, gotLengths;
+    QByteArray joined;
+    for (int n = 1; std::optional<PartPayload> part = producer.next(n); ++n) {
+        QVERIFY(!part->isSpilled());
+        QCOMPARE(part->path, plan.items.first().path);
+        gotOffsets.append(part->offset);
+        gotLengths.append(part->length);
+        joined += lofthaven::readRange(part->path, part->offset, part->length);
+    }
+    QCOMPARE(gotOffsets, offsets);
+    QCOMPARE(gotLengths, lengths);
+    QVERIFY(joined == bytes);
+    QVERIFY(producer.isFinished());
+    QVERIFY(!producer.next(99));
+    // A single file is never copied: no spill folder at all.
+    QVERIFY(!QFileInfo::exists(spill));
+}
+
+void TestPartProducer::readRange_data()
+{
+    QTest::addColumn<qint64>("truncateTo"); // -1: leave; -2: delete
+    QTest::addColumn<qint64>("offset");
+    QTest::addColumn<qint64>("length");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("middle") << qint64(-1) << qint64(100) << qint64(50) << "";
+    QTest::newRow("to the end") << qint64(-1) << qint64(900) << qint64(100) << "";
+    QTest::newRow("shrunk before the range")
+        << qint64(500) << qint64(900) << qint64(100) << "clip ✓.mov changed while sending.";
+    QTest::newRow("shrunk inside the range")
+        << qint64(950) << qint64(900) << qint64(100) << "clip ✓.mov changed while sending.";
+    QTest::newRow("gone") << qint64(-2) << qint64(0) << qint64(1) << "No such file or directory";
+}
+
+void TestPartProducer::readRange()
+{
+    QFETCH(qint64, truncateTo);
+    QFETCH(qint64, offset);
+    QFETCH(qint64, length);
+    QFETCH(QString, error);
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("clip ✓.mov"));
+    const QByteArray bytes = testfiles::randomBytes(1000);
+    QVERIFY(testfiles::writeFile(path, bytes));
+    if (truncateTo >= 0)
+        QVERIFY(QFile::resize(path, truncateTo));
+    if (truncateTo == -2)
+        QVERIFY(QFile::remove(path));
+    try {
+        const QByteArray got = lofthaven::readRange(path, offset, length);
+        QVERIFY2(error.isEmpty(), "the read should have failed");
+        QVERIFY(got == bytes.mid(offset, length));
+    } catch (const AppError &e) {
+        QCOMPARE(e.message(), error);
+    }
+}
+
+void TestPartProducer::streamErrorsPassThrough()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("Trip/a.bin"));
+    QVERIFY(testfiles::writeFile(path, testfiles::randomBytes(5000)));
+    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("Trip"))});
+    QVERIFY(QFile::resize(path, 4000));
+    PartProducer producer(plan, 1000, dir.filePath(QStringLiteral("spill")));
+    try {
+        for (int n = 1; producer.next(n); ++n) {
+        }
+        QFAIL("the shrunk file must fail the producer");
+    } catch (const AppError &e) {
+        QCOMPARE(e.message(), QStringLiteral("Trip/a.bin changed while sending (it got smaller)."));
+    }
+    QVERIFY(!producer.isFinished());
+}
+
+void TestPartProducer::spillFolderMustBeCreatable()
+{
+    QTemporaryDir dir;
+    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/a")), "1"));
+    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("blocker")), "file, not folder"));
+    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
+    QVERIFY_THROWS_EXCEPTION(AppError,
+                             PartProducer(plan, 10, dir.filePath(QStringLiteral("blocker/spill"))));
+}
+
+void TestPartProducer::spillFileIsReplaced()
+{
+    QTemporaryDir dir;
+    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/a")), "1"));
+    const QString spill = dir.filePath(QStringLiteral("spill"));
+    QVERIFY(testfiles::writeFile(spill + u"/part-1", QByteArray(100000, 'o')));
+    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
+    PartProducer producer(plan, 1 << 20, spill);
+    const std::optional<PartPayload> part = producer.next(1);
+    QVERIFY(part);
+    QCOMPARE(QFileInfo(part->path).size(), plan.size);
+    QVERIFY(testfiles::readFile(part->path) == referenceArchive(plan));
+}
+
+QTEST_GUILESS_MAIN(TestPartProducer)
+#include "tst_partproducer.moc"
