@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QLoggingCategory>
 #include <QUuid>
 
@@ -35,6 +36,7 @@ namespace {
 constexpr int kWriteFlags = ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_SECURE_SYMLINKS |
                             ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_NO_OVERWRITE;
 constexpr int kNameMax = 255;
+constexpr quint64 kMaxCentralDirectory = 512 * 1024 * 1024;
 const QString kTempPrefix = QStringLiteral(".lh-unzip-");
 
 struct Refused
@@ -105,6 +107,73 @@ QList<QByteArray> checkedComponents(const QByteArray &name)
     return components;
 }
 
+quint32 le16(const char *p)
+{
+    return quint8(p[0]) | quint32(quint8(p[1])) << 8;
+}
+quint32 le32(const char *p)
+{
+    return le16(p) | le16(p + 2) << 16;
+}
+quint64 le64(const char *p)
+{
+    return le32(p) | quint64(le32(p + 4)) << 32;
+}
+
+// libarchive turns fifos and sockets into regular files and cuts names at a NUL, so read the
+// central directory ourselves for what it hides. An unreadable directory is left to libarchive.
+void scanCentralDirectory(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return;
+    const qint64 size = file.size();
+    const qint64 tailSize = qMin<qint64>(size, 22 + 65535);
+    if (!file.seek(size - tailSize))
+        return;
+    const QByteArray tail = file.read(tailSize);
+    qsizetype eocd = tail.size() - 22;
+    while (eocd >= 0 && le32(tail.constData() + eocd) != 0x06054b50)
+        --eocd;
+    if (eocd < 0)
+        return;
+    quint64 directorySize = le32(tail.constData() + eocd + 12);
+    qint64 directoryEnd = size - tailSize + eocd;
+    if (directorySize == 0xffffffff && eocd >= 20 &&
+        le32(tail.constData() + eocd - 20) == 0x07064b50) {
+        const qint64 zip64At = qint64(le64(tail.constData() + eocd - 12));
+        if (!file.seek(zip64At))
+            return;
+        const QByteArray record = file.read(56);
+        if (record.size() < 56 || le32(record.constData()) != 0x06064b50)
+            return;
+        directorySize = le64(record.constData() + 40);
+        directoryEnd = zip64At;
+    }
+    if (directorySize > quint64(directoryEnd) || directorySize > kMaxCentralDirectory)
+        refuse(QStringLiteral("central directory too large"));
+    if (!file.seek(directoryEnd - qint64(directorySize)))
+        return;
+    const QByteArray directory = file.read(qint64(directorySize));
+    for (qsizetype at = 0; at + 46 <= directory.size();) {
+        const char *header = directory.constData() + at;
+        if (le32(header) != 0x02014b50)
+            return;
+        const qsizetype nameLength = le16(header + 28);
+        const qsizetype next = at + 46 + nameLength + le16(header + 30) + le16(header + 32);
+        if (next > directory.size())
+            return;
+        const QByteArray name = directory.mid(at + 46, nameLength);
+        if (name.contains('\0'))
+            refuse(u"NUL in name " + QString::fromUtf8(name.left(name.indexOf('\0'))));
+        const bool unixMode = (le16(header + 4) >> 8) == 3;
+        const quint32 type = (le32(header + 38) >> 16) & 0170000;
+        if (unixMode && type != 0 && type != 0100000 && type != 0040000)
+            refuse(u"not a regular file or folder: " + QString::fromUtf8(name));
+        at = next;
+    }
+}
+
 void checkStop(const std::stop_token &stop)
 {
     if (stop.stop_requested())
@@ -124,9 +193,12 @@ void extractInto(const QString &archivePath, const QString &tempFolder, qint64 b
     if (archive_read_open_filename(reader.a, QFile::encodeName(archivePath).constData(),
                                    64 * 1024) != ARCHIVE_OK)
         refuse(archiveErrorText(reader.a));
+    scanCentralDirectory(archivePath);
 
     const QByteArray prefix = QFile::encodeName(tempFolder) + '/';
     qint64 written = 0;
+    // NO_OVERWRITE quietly keeps the first of two equal names; a duplicate is refused instead.
+    QHash<QByteArray, bool> seen; // name -> is a folder
     for (;;) {
         checkStop(stop);
         archive_entry *entry = nullptr;
@@ -147,6 +219,14 @@ void extractInto(const QString &archivePath, const QString &tempFolder, qint64 b
         const auto type = archive_entry_filetype(entry);
         if (archive_entry_hardlink(entry) || (type != AE_IFREG && type != AE_IFDIR))
             refuse(u"not a regular file or folder: " + QString::fromUtf8(name));
+        QByteArray key = name;
+        if (key.endsWith('/'))
+            key.chop(1);
+        const auto earlier = seen.constFind(key);
+        if (earlier != seen.cend() && !(type == AE_IFDIR && earlier.value()))
+            refuse(u"duplicate name " + QString::fromUtf8(name));
+        seen.insert(key, type == AE_IFDIR);
+
         // Keep rwx bits only (no setuid, setgid, sticky); we must be able to read and remove
         // what we wrote.
         const mode_t perm = archive_entry_perm(entry) & 0777;
