@@ -7,6 +7,7 @@
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QtConcurrent>
 
 #include <cerrno>
 #include <sys/stat.h>
@@ -63,6 +64,7 @@ private Q_SLOTS:
     void failures();
     void renameNoReplaceRefusesExisting();
     void createsMissingFolder();
+    void concurrentMovesNeverOverwrite();
 
 private:
     void addRows();
@@ -237,6 +239,39 @@ void TestMoveIntoPlace::createsMissingFolder()
         moveIntoPlace(dir.filePath(u"p.part"_s), u"f.txt"_s, dir.filePath(u"a/b/c"_s));
     QCOMPARE(result, dir.filePath(u"a/b/c/f.txt"_s));
     QCOMPARE(readFile(result), QByteArray("abc"));
+}
+
+// Several downloads of the same name finishing at once: each gets its own name, none is lost.
+void TestMoveIntoPlace::concurrentMovesNeverOverwrite()
+{
+    QTemporaryDir root;
+    QVERIFY(root.isValid());
+    const QDir dir(root.path());
+    QVERIFY(dir.mkdir(u"parts"_s) && dir.mkdir(u"out"_s));
+    constexpr int kCount = 8;
+    QList<QByteArray> contents;
+    for (int i = 0; i < kCount; ++i) {
+        contents << randomBytes(4096) + QByteArray::number(i);
+        QVERIFY(writeFile(dir.filePath(u"parts/%1.part"_s.arg(i)), contents.last()));
+    }
+    QList<QFuture<QString>> futures;
+    for (int i = 0; i < kCount; ++i) {
+        futures << QtConcurrent::run(
+            [partial = dir.filePath(u"parts/%1.part"_s.arg(i)), folder = dir.filePath(u"out"_s)] {
+                return moveIntoPlace(partial, u"same.bin"_s, folder);
+            });
+    }
+    QSet<QByteArray> expected(contents.cbegin(), contents.cend());
+    QSet<QString> paths;
+    for (auto &future : futures) {
+        const QString path = future.result();
+        paths.insert(path);
+        QVERIFY(expected.remove(readFile(path)));
+    }
+    QCOMPARE(paths.size(), kCount);
+    QVERIFY(expected.isEmpty());
+    QCOMPARE(entries(dir.filePath(u"out"_s)).size(), kCount);
+    QCOMPARE(entries(dir.filePath(u"parts"_s)), QStringList{});
 }
 
 QTEST_GUILESS_MAIN(TestMoveIntoPlace)
