@@ -444,6 +444,11 @@ void HttpService::routes()
 void HttpService::dispatch(const httplib::Request &req, httplib::Response &res,
                            const httplib::ContentReader *reader, BodyMode mode, const Fn &fn)
 {
+    // A body-less POST from curl has neither header; reading would wait for
+    // the client to close.
+    if (reader && !req.has_header("Content-Length") &&
+        req.get_header_value("Transfer-Encoding").find("chunked") == std::string::npos)
+        reader = nullptr;
     Context c{req, res, reader, false, {}, std::nullopt, false};
     auto drain = [&] {
         if (c.reader && !c.bodyConsumed) {
@@ -1067,6 +1072,8 @@ void HttpService::putPart(Context &c)
     int64_t received = 0;
     bool writeFailed = false;
     c.bodyConsumed = true;
+    if (!c.reader)
+        fail(411, "length_required", "A part needs a Content-Length.");
     const bool readOk = (*c.reader)([&](const char *data, size_t n) {
         received += static_cast<int64_t>(n);
         t_stats.bytesIn = received;
