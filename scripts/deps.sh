@@ -12,7 +12,7 @@ packages=(
   unzip libarchive-tools p7zip-full python3 curl openssl procps
 )
 if [ "${1:-}" = "--with-browser" ]; then
-  packages+=(chromium)
+  packages+=(chromium python3-websocket)
 fi
 
 missing=()
