@@ -15,6 +15,10 @@ public:
     bool operator()(const QString &a, const QString &b) const { return compare(a, b) < 0; }
     int compare(const QString &a, const QString &b) const;
 
+    // For sorting many names: keys compare like compare() up to its case and code-point
+    // tie-breaks, so sort by key and break equal keys with compare().
+    QCollatorSortKey sortKey(const QString &name) const { return m_caseInsensitive.sortKey(name); }
+
 private:
     QCollator m_caseInsensitive;
     QCollator m_caseSensitive;

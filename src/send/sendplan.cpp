@@ -18,6 +18,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace lofthaven {
 
@@ -99,6 +100,31 @@ std::optional<QString> mimeTypeForExtension(const QString &name)
     return mimeTypeForFileName(u"file" + name.mid(dot));
 }
 
+// The file manager's order, stable. Collation keys are computed once per name: comparing
+// them is a memcmp, where collating pairs would re-read shared folder prefixes every time.
+QList<SendItem> sortedByName(QList<SendItem> items, const FinderOrder &order)
+{
+    struct Keyed
+    {
+        QCollatorSortKey key;
+        qsizetype index;
+    };
+    std::vector<Keyed> keyed;
+    keyed.reserve(size_t(items.size()));
+    for (qsizetype i = 0; i < items.size(); ++i)
+        keyed.push_back(Keyed{order.sortKey(items.at(i).name), i});
+    std::stable_sort(keyed.begin(), keyed.end(), [&](const Keyed &a, const Keyed &b) {
+        if (const int r = a.key.compare(b.key))
+            return r < 0;
+        return order.compare(items.at(a.index).name, items.at(b.index).name) < 0;
+    });
+    QList<SendItem> sorted;
+    sorted.reserve(items.size());
+    for (const Keyed &k : keyed)
+        sorted.append(std::move(items[k.index]));
+    return sorted;
+}
+
 QString systemError(const QString &path, int error)
 {
     return path + u": " + QString::fromLocal8Bit(std::strerror(error));
@@ -119,12 +145,7 @@ SendPlan SendPlan::make(const QList<QString> &paths)
         if (S_ISREG(st.st_mode)) {
             items.append(makeItem(native, QFileInfo(path).fileName(), st));
         } else if (S_ISDIR(st.st_mode)) {
-            QList<SendItem> block = collectFolder(native, QFileInfo(path).fileName());
-            std::stable_sort(block.begin(), block.end(),
-                             [&order](const SendItem &a, const SendItem &b) {
-                                 return order.compare(a.name, b.name) < 0;
-                             });
-            items.append(std::move(block));
+            items.append(sortedByName(collectFolder(native, QFileInfo(path).fileName()), order));
         }
         // Anything else (a symbolic link, a device, a socket) is skipped without a message.
     }

@@ -56,6 +56,11 @@ void TestSendPlan::plan_data()
     QTest::newRow("case-insensitive")
         << QStringList{"F/B:1", "F/a:1", "F/C:1"} << QStringList{} << QStringList{}
         << QStringList{"F"} << QStringList{"F/a", "F/B", "F/C"} << "F\\.zip" << true << zip << "";
+    QTest::newRow("collation ties broken case, then code point")
+        << QStringList{"F/file2:1", "F/File1:1", "F/file02:1", "F/file1:1"} << QStringList{}
+        << QStringList{} << QStringList{"F"}
+        << QStringList{"F/file1", "F/File1", "F/file02", "F/file2"} << "F\\.zip" << true << zip
+        << "";
     QTest::newRow("subfolder names sort with files")
         << QStringList{"F/b/x:1", "F/a.txt:1", "F/c:1"} << QStringList{} << QStringList{}
         << QStringList{"F"} << QStringList{"F/a.txt", "F/b/x", "F/c"} << "F\\.zip" << true << zip
