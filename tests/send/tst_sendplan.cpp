@@ -9,6 +9,7 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace lofthaven;
@@ -25,6 +26,7 @@ private Q_SLOTS:
     void archiveSizeLimit();
     void sizeLimitMessageFromItems();
     void missingSelectionFails();
+    void unreadableSubfolderAsAnotherUser();
 };
 
 // files: "path:size" (size in bytes, zero-filled); links: "path->target" (target relative to
@@ -341,6 +343,43 @@ void TestSendPlan::missingSelectionFails()
     } catch (const AppError &e) {
         QVERIFY2(e.message().contains(u"No such file or directory"), qPrintable(e.message()));
     }
+}
+
+// Root reads mode-000 folders, so the table row above skips there. As root, plan in a child
+// process that has dropped to an unprivileged user, where the lock really bites.
+void TestSendPlan::unreadableSubfolderAsAnotherUser()
+{
+    if (::geteuid() != 0)
+        QSKIP("covered by the table row when not running as root");
+    QTemporaryDir dir;
+    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/ok")), "1"));
+    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/locked/secret")), "2"));
+    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/open/fine")), "3"));
+    for (const char *path : {"", "/F", "/F/open"})
+        QCOMPARE(::chmod(QFile::encodeName(dir.path() + QLatin1String(path)).constData(), 0755), 0);
+    QCOMPARE(::chmod(QFile::encodeName(dir.filePath(QStringLiteral("F/locked"))).constData(), 0),
+             0);
+    const pid_t child = ::fork();
+    QVERIFY(child >= 0);
+    if (child == 0) {
+        // 65534 is "nobody" on Debian. Exit codes: 0 right plan, 3 wrong plan, 4 threw.
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0)
+            ::_exit(5);
+        try {
+            const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
+            QStringList names;
+            for (const SendItem &item : plan.items)
+                names.append(item.name);
+            ::_exit(names == QStringList{"F/ok", "F/open/fine"} ? 0 : 3);
+        } catch (...) {
+            ::_exit(4);
+        }
+    }
+    int status = 0;
+    QCOMPARE(::waitpid(child, &status, 0), child);
+    ::chmod(QFile::encodeName(dir.filePath(QStringLiteral("F/locked"))).constData(), 0700);
+    QVERIFY(WIFEXITED(status));
+    QCOMPARE(WEXITSTATUS(status), 0);
 }
 
 QTEST_GUILESS_MAIN(TestSendPlan)
