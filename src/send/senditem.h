@@ -12,7 +12,7 @@ struct SendItem
     QString path;    // absolute local path the bytes are read from
     QString name;    // "a.txt" for a loose file, "Trip/Sub/b.bin" below a folder; "/"-separated
     qint64 size = 0; // from metadata at planning time; the stream sends exactly this many bytes
-    QDateTime mtime; // content modification time (UTC spec; converted to local time when zipped)
+    QDateTime mtime; // content modification time (kept in UTC; made local when zipped)
 
     friend bool operator==(const SendItem &, const SendItem &) = default;
 };

@@ -35,7 +35,7 @@ void TestSendPlan::plan_data()
 {
     QTest::addColumn<QStringList>("files");
     QTest::addColumn<QStringList>("links");
-    QTest::addColumn<QStringList>("special");
+    QTest::addColumn<QStringList>("extras");
     QTest::addColumn<QStringList>("selection");
     QTest::addColumn<QStringList>("names");
     QTest::addColumn<QString>("planName"); // regular expression
@@ -155,7 +155,7 @@ void TestSendPlan::plan()
 {
     QFETCH(QStringList, files);
     QFETCH(QStringList, links);
-    QFETCH(QStringList, special);
+    QFETCH(QStringList, extras);
     QFETCH(QStringList, selection);
     QFETCH(QStringList, names);
     QFETCH(QString, planName);
@@ -166,20 +166,20 @@ void TestSendPlan::plan()
     QTemporaryDir dir;
     QVERIFY(dir.isValid());
     QHash<QString, qint64> sizes;
-    for (const QString &spec : files) {
-        const QString path = spec.section(u':', 0, -2);
-        const qint64 size = spec.section(u':', -1).toLongLong();
+    for (const QString &entry : files) {
+        const QString path = entry.section(u':', 0, -2);
+        const qint64 size = entry.section(u':', -1).toLongLong();
         QVERIFY(testfiles::writeFile(dir.filePath(path), QByteArray(size, 'x')));
         sizes.insert(path, size);
     }
-    for (const QString &spec : links) {
-        const QString link = dir.filePath(spec.section(u"->"_qs, 0, 0));
-        QVERIFY(QFile::link(spec.section(u"->"_qs, 1), link));
+    for (const QString &entry : links) {
+        const QString link = dir.filePath(entry.section(u"->"_qs, 0, 0));
+        QVERIFY(QFile::link(entry.section(u"->"_qs, 1), link));
     }
     QStringList locked;
-    for (const QString &spec : special) {
-        const QString kind = spec.section(u':', 0, 0);
-        const QString path = dir.filePath(spec.section(u':', 1));
+    for (const QString &entry : extras) {
+        const QString kind = entry.section(u':', 0, 0);
+        const QString path = dir.filePath(entry.section(u':', 1));
         if (kind == u"dir") {
             QVERIFY(QDir().mkpath(path));
         } else if (kind == u"fifo") {
