@@ -1341,7 +1341,7 @@ void HttpService::download(Context &c)
     Store *store = m_store.get();
     c.res.set_content_provider(
         static_cast<size_t>(length), mime,
-        [state, first, size, dropAt, trickle, id, store](size_t offset, size_t,
+        [state, first, size, dropAt, trickle, id, store](size_t offset, size_t remaining,
                                                          httplib::DataSink &sink) {
             if (dropAt >= 0 && static_cast<int64_t>(offset) >= dropAt)
                 return false;
@@ -1361,6 +1361,7 @@ void HttpService::download(Context &c)
             int64_t want =
                 std::min<int64_t>(static_cast<int64_t>(kIoChunk), state->partSize - inPart);
             want = std::min<int64_t>(want, size - pos);
+            want = std::min<int64_t>(want, static_cast<int64_t>(remaining));
             if (trickle > 0)
                 want = 1;
             if (dropAt >= 0)

@@ -116,6 +116,13 @@ class ContractTest(unittest.TestCase):
                 self.assertEqual(a.status, 206)
                 self.assertEqual(a.header("Content-Range"), "bytes %d-%d/%d" % (first, last, size))
                 self.assertEqual(a.body, payload[first:last + 1])
+        # Bounded ranges inside one connection: an overrun would corrupt the second answer.
+        url = self.svc.origin + "/dl/" + c["id"]
+        two = subprocess.run(["curl", "-sS", "-H", "Range: bytes=95-105", url, url], capture_output=True, timeout=30)
+        self.assertEqual(two.stdout, payload[95:106] * 2)
+        sent = [e["bytesOut"] for e in self.svc.curl("GET", "/__test/log").json()["requests"]
+                if e.get("range") == "bytes=95-105"]
+        self.assertEqual(sent, [11, 11, 11])
         for rng in ["bytes=%d-" % size, "bytes=%d-" % (size + 10), "bytes=%d-%d" % (size, size + 5)]:
             with self.subTest(range=rng):
                 a = self.svc.curl("GET", "/dl/" + c["id"], headers={"Range": rng})
