@@ -32,7 +32,8 @@ static QCoro::Task<void> runAll(int count, int concurrency, std::vector<double> 
 {
     std::vector<QCoro::Task<void>> workers;
     for (int w = 0; w < concurrency; ++w)
-        workers.push_back(worker(count / concurrency + (w < count % concurrency ? 1 : 0), latencies));
+        workers.push_back(
+            worker(count / concurrency + (w < count % concurrency ? 1 : 0), latencies));
     for (auto &task : workers)
         co_await task;
 }

@@ -346,8 +346,11 @@ void HttpTransport::Private::run()
             if (message->msg != CURLMSG_DONE)
                 continue;
             const auto found = active.find(message->easy_handle);
-            if (found != active.end())
-                complete(found->second, message->data.result);
+            if (found != active.end()) {
+                // A copy: resolve() erases the map entry that found->second lives in.
+                const std::shared_ptr<Job> job = found->second;
+                complete(job, message->data.result);
+            }
         }
         curl_multi_poll(multi, nullptr, 0, kPollMilliseconds, nullptr);
     }
