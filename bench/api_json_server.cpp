@@ -10,6 +10,8 @@ int main(int argc, char **argv)
     const int port = argc > 1 ? std::atoi(argv[1]) : 8481;
     httplib::Server server;
     server.new_task_queue = [] { return new httplib::ThreadPool(16); };
+    // Headers and body go out in separate writes; without this Nagle adds 40 ms per answer.
+    server.set_tcp_nodelay(true);
     const std::string body = R"({"id":"bench1","name":"holiday.zip","size":123456789,)"
                              R"("isZip":true,"fileCount":3,"hasPassword":false,)"
                              R"("expiresAt":1767225600000,"code":"123456"})";

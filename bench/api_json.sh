@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# 1,000 small JSON GETs through APIClient (sequential and 6 at a time) against curl doing the
+# same in the same run, against a local keep-alive server. Prints requests/s, p50/p99 and the
+# ratio to curl (goal: at least 0.8).
+# Usage: bench/api_json.sh [BUILD_DIR] [COUNT]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+BUILD=${1:-build}
+COUNT=${2:-1000}
+PORT=${PORT:-18481}
+DRIVER="$BUILD/bin/lofthaven-bench-api-json"
+SERVER="$BUILD/bin/lofthaven-bench-api-server"
+[ -x "$DRIVER" ] || cmake --build "$BUILD" --target lofthaven-bench-api-json lofthaven-bench-api-server -j2 >/dev/null
+
+"$SERVER" "$PORT" >/dev/null &
+SERVER_PID=$!
+WORK=$(mktemp -d)
+trap 'kill $SERVER_PID 2>/dev/null; rm -rf "$WORK"' EXIT
+for _ in $(seq 50); do curl -s -o /dev/null "http://127.0.0.1:$PORT/" && break; sleep 0.1; done
+
+ORIGIN="http://127.0.0.1:$PORT"
+URL="$ORIGIN/api/transfers/bench1"
+for _ in $(seq "$COUNT"); do printf 'url = "%s"\noutput = "/dev/null"\n' "$URL"; done >"$WORK/urls.cfg"
+
+# curl: one process, connections reused, same headers as the client; per-request time_total.
+run_curl() {
+    local parallel=$1 start end
+    local extra=()
+    [ "$parallel" -gt 1 ] && extra=(--parallel --parallel-max "$parallel")
+    curl -s -K "$WORK/urls.cfg" -o /dev/null -w '%{time_total}\n' >/dev/null 2>&1 || true
+    start=$(date +%s.%N)
+    curl -s --no-progress-meter "${extra[@]}" -H 'Authorization: Bearer bench-token' \
+        -A 'Lofthaven-Desktop/1.0 (macOS)' -w '%{time_total}\n' -K "$WORK/urls.cfg" >"$WORK/times"
+    end=$(date +%s.%N)
+    python3 - "$start" "$end" "$WORK/times" "$parallel" <<'PY'
+import sys
+start, end, path, par = float(sys.argv[1]), float(sys.argv[2]), sys.argv[3], int(sys.argv[4])
+t = sorted(float(x) * 1000 for x in open(path) if x.strip())
+q = lambda p: t[int(p * (len(t) - 1))]
+print(f"requests={len(t)} concurrency={par} seconds={end-start:.3f} rps={len(t)/(end-start):.1f} "
+      f"p50_ms={q(0.5):.3f} p99_ms={q(0.99):.3f}")
+PY
+}
+
+field() { sed -n "s/.*$1=\([0-9.]*\).*/\1/p" <<<"$2"; }
+
+for parallel in 1 6; do
+    ours=$("$DRIVER" "$ORIGIN" "$COUNT" "$parallel")
+    theirs=$(run_curl "$parallel")
+    ratio=$(python3 -c "print(f'{$(field rps "$ours") / $(field rps "$theirs"):.2f}')")
+    echo "concurrency $parallel"
+    echo "  lofthaven: $ours"
+    echo "  curl:      $theirs"
+    echo "  ratio (lofthaven rps / curl rps): $ratio"
+done
