@@ -47,6 +47,7 @@ struct RequestStats
 {
     int64_t bytesIn = 0;
     int64_t bytesOut = 0;
+    int64_t startedAt = 0;
     bool logged = false;
     std::optional<FaultInjector::Fault> fault;
 };
@@ -397,8 +398,9 @@ void HttpService::routes()
         route("POST", "/__test/sweep", M::Json, bindFn(&HttpService::testSweep));
     }
 
-    m_server->set_pre_routing_handler([](const httplib::Request &req, httplib::Response &) {
+    m_server->set_pre_routing_handler([this](const httplib::Request &req, httplib::Response &) {
         t_stats = RequestStats{};
+        t_stats.startedAt = now();
         // Ranges are answered by the download handler itself; left in place,
         // the library would slice error bodies too.
         const_cast<httplib::Request &>(req).ranges.clear();
@@ -428,6 +430,7 @@ void HttpService::routes()
         t_stats.logged = true;
         RequestLog::Entry e;
         e.at = now();
+        e.startedAt = t_stats.startedAt ? t_stats.startedAt : e.at;
         e.method = req.method;
         e.path = req.path;
         e.status = res.status;
@@ -1524,6 +1527,7 @@ void HttpService::testLog(Context &c)
     QJsonArray list;
     for (const auto &e : m_log.entries()) {
         QJsonObject o{{"at", static_cast<double>(e.at)},
+                      {"startedAt", static_cast<double>(e.startedAt)},
                       {"method", qs(e.method)},
                       {"path", qs(e.path)},
                       {"status", e.status},

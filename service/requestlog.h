@@ -15,7 +15,8 @@ class RequestLog
 public:
     struct Entry
     {
-        int64_t at = 0;
+        int64_t at = 0;        // when the answer was done (ms)
+        int64_t startedAt = 0; // when the request's headers were in (ms)
         std::string method;
         std::string path;
         int status = 0;

@@ -69,7 +69,8 @@ QString APIClient::downloadPath(const QString &id, const std::optional<QString> 
 
 QCoro::Task<QByteArray> APIClient::send(HttpRequest request, std::stop_token stop) const
 {
-    HttpResponse response = co_await HttpTransport::instance().send(std::move(request), stop);
+    auto reply = HttpTransport::instance().send(std::move(request), stop);
+    HttpResponse response = co_await reply;
     if (!isSuccess(response.status))
         throw APIError::fromResponse(response.status, response.body);
     co_return response.body;
@@ -77,7 +78,8 @@ QCoro::Task<QByteArray> APIClient::send(HttpRequest request, std::stop_token sto
 
 QCoro::Task<OKResponse> APIClient::sendExpectingOK(HttpRequest request, std::stop_token stop) const
 {
-    const QByteArray body = co_await send(std::move(request), stop);
+    auto reply = send(std::move(request), stop);
+    const QByteArray body = co_await reply;
     if (body.trimmed().isEmpty())
         co_return OKResponse{true};
     co_return decode<OKResponse>(body);
@@ -86,19 +88,22 @@ QCoro::Task<OKResponse> APIClient::sendExpectingOK(HttpRequest request, std::sto
 QCoro::Task<MeResponse> APIClient::me(std::stop_token stop) const
 {
     HttpRequest request = makeRequest(QStringLiteral("/api/me"));
-    co_return decode<MeResponse>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<MeResponse>(co_await reply);
 }
 
 QCoro::Task<AccountTransfersResponse> APIClient::accountTransfers(std::stop_token stop) const
 {
     HttpRequest request = makeRequest(QStringLiteral("/api/me/transfers"));
-    co_return decode<AccountTransfersResponse>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<AccountTransfersResponse>(co_await reply);
 }
 
 QCoro::Task<InboxResponse> APIClient::inbox(std::stop_token stop) const
 {
     HttpRequest request = makeRequest(QStringLiteral("/api/me/inbox"));
-    co_return decode<InboxResponse>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<InboxResponse>(co_await reply);
 }
 
 QCoro::Task<DeviceLoginStart> APIClient::startDeviceLogin(QString deviceName,
@@ -107,7 +112,8 @@ QCoro::Task<DeviceLoginStart> APIClient::startDeviceLogin(QString deviceName,
     // Sign-in calls go without the token even when one is held.
     HttpRequest request = APIClient().makeRequest(QStringLiteral("/api/cli/login"), "POST");
     setJsonBody(request, DeviceLoginBody{deviceName}.encode());
-    co_return decode<DeviceLoginStart>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<DeviceLoginStart>(co_await reply);
 }
 
 QCoro::Task<DeviceLoginPoll> APIClient::pollDeviceLogin(QString deviceCode,
@@ -115,8 +121,9 @@ QCoro::Task<DeviceLoginPoll> APIClient::pollDeviceLogin(QString deviceCode,
 {
     HttpRequest request = APIClient().makeRequest(QStringLiteral("/api/cli/token"), "POST");
     setJsonBody(request, DevicePollBody{deviceCode}.encode());
+    auto reply = HttpTransport::instance().send(std::move(request), stop);
     // Read on every status: pending, slow-down and denial all come as non-2xx answers.
-    const HttpResponse response = co_await HttpTransport::instance().send(std::move(request), stop);
+    const HttpResponse response = co_await reply;
     DeviceLoginPoll poll;
     poll.status = response.status;
     try {
@@ -130,19 +137,22 @@ QCoro::Task<DeviceLoginPoll> APIClient::pollDeviceLogin(QString deviceCode,
 QCoro::Task<void> APIClient::logout(std::stop_token stop) const
 {
     HttpRequest request = makeRequest(QStringLiteral("/api/cli/logout"), "POST");
-    co_await HttpTransport::instance().send(std::move(request), stop);
+    auto reply = HttpTransport::instance().send(std::move(request), stop);
+    co_await reply;
 }
 
 QCoro::Task<CodeLookup> APIClient::lookupCode(QString code, std::stop_token stop) const
 {
     HttpRequest request = makeRequest(u"/api/code/" + code);
-    co_return decode<CodeLookup>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<CodeLookup>(co_await reply);
 }
 
 QCoro::Task<TransferMeta> APIClient::transfer(QString id, std::stop_token stop) const
 {
     HttpRequest request = makeRequest(u"/api/transfers/" + id);
-    co_return decode<TransferMeta>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<TransferMeta>(co_await reply);
 }
 
 QCoro::Task<UnlockResponse> APIClient::unlock(QString id, QString password,
@@ -150,7 +160,8 @@ QCoro::Task<UnlockResponse> APIClient::unlock(QString id, QString password,
 {
     HttpRequest request = makeRequest(u"/api/transfers/" + id + u"/unlock", "POST");
     setJsonBody(request, PasswordBody{password}.encode());
-    co_return decode<UnlockResponse>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<UnlockResponse>(co_await reply);
 }
 
 QCoro::Task<CreatedTransfer> APIClient::createTransfer(CreateTransferBody body,
@@ -158,7 +169,8 @@ QCoro::Task<CreatedTransfer> APIClient::createTransfer(CreateTransferBody body,
 {
     HttpRequest request = makeRequest(QStringLiteral("/api/transfers"), "POST");
     setJsonBody(request, body.encode());
-    co_return decode<CreatedTransfer>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<CreatedTransfer>(co_await reply);
 }
 
 QCoro::Task<PartResponse> APIClient::uploadPart(QString id, QString ownerToken, int partNumber,
@@ -172,7 +184,8 @@ QCoro::Task<PartResponse> APIClient::uploadPart(QString id, QString ownerToken, 
     request.idleTimeout = kPartIdleTimeout;
     request.fileBody = std::move(body);
     request.onUploadProgress = std::move(onSent);
-    co_return decode<PartResponse>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<PartResponse>(co_await reply);
 }
 
 QCoro::Task<CompletedTransfer> APIClient::completeTransfer(QString id, QString ownerToken,
@@ -182,7 +195,8 @@ QCoro::Task<CompletedTransfer> APIClient::completeTransfer(QString id, QString o
     HttpRequest request = makeRequest(u"/api/transfers/" + id + u"/complete", "POST",
                                       {header("X-Owner-Token", ownerToken.toUtf8())});
     setJsonBody(request, body.encode());
-    co_return decode<CompletedTransfer>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<CompletedTransfer>(co_await reply);
 }
 
 QCoro::Task<void> APIClient::abortTransfer(QString id, QString ownerToken,
@@ -190,7 +204,8 @@ QCoro::Task<void> APIClient::abortTransfer(QString id, QString ownerToken,
 {
     HttpRequest request = makeRequest(u"/api/transfers/" + id + u"/abort", "POST",
                                       {header("X-Owner-Token", ownerToken.toUtf8())});
-    co_await HttpTransport::instance().send(std::move(request), stop);
+    auto reply = HttpTransport::instance().send(std::move(request), stop);
+    co_await reply;
 }
 
 QCoro::Task<ExtendResponse> APIClient::extendTransfer(QString id, std::optional<QString> ownerToken,
@@ -198,14 +213,16 @@ QCoro::Task<ExtendResponse> APIClient::extendTransfer(QString id, std::optional<
 {
     HttpRequest request =
         makeRequest(u"/api/transfers/" + id + u"/extend", "POST", ownerHeader(ownerToken));
-    co_return decode<ExtendResponse>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<ExtendResponse>(co_await reply);
 }
 
 QCoro::Task<OKResponse> APIClient::deleteTransfer(QString id, std::optional<QString> ownerToken,
                                                   std::stop_token stop) const
 {
     HttpRequest request = makeRequest(u"/api/transfers/" + id, "DELETE", ownerHeader(ownerToken));
-    co_return co_await sendExpectingOK(std::move(request), stop);
+    auto reply = sendExpectingOK(std::move(request), stop);
+    co_return co_await reply;
 }
 
 QCoro::Task<UpdateInfo> APIClient::updateInfo(std::stop_token stop) const
@@ -213,7 +230,8 @@ QCoro::Task<UpdateInfo> APIClient::updateInfo(std::stop_token stop) const
     HttpRequest request = APIClient().makeRequest(QStringLiteral("/downloads/desktop.json"));
     // No secret goes with it, so a CDN redirect may be followed (https only).
     request.followRedirects = true;
-    co_return decode<UpdateInfo>(co_await send(std::move(request), stop));
+    auto reply = send(std::move(request), stop);
+    co_return decode<UpdateInfo>(co_await reply);
 }
 
 } // namespace lofthaven

@@ -1,3 +1,8 @@
+#include "api/apperror.h"
+#include "api/httptransport.h"
+#include "api/serviceorigin.h"
+#include "app/commandline.h"
+#include "app/onlineselftest.h"
 #include "app/selftest.h"
 
 #include <QCoreApplication>
@@ -7,6 +12,7 @@
 #include <QtConcurrent>
 
 #include <cstdio>
+#include <thread>
 
 using namespace lofthaven;
 
@@ -50,13 +56,17 @@ int runSelfTest(QCoreApplication &app, const Invocation &invocation)
     const QString workFolder = keepRoot ? invocation.folder : QDir::tempPath();
     const bool online = invocation.mode == Mode::SelfTestFull;
     // The main thread only waits in its event loop; the test ends the process through it.
-    QThreadPool::globalInstance()->start([workFolder, online, keepRoot] {
+    // Its own thread, not the pool's: the online half waits there while the engine uses the pool.
+    std::thread([workFolder, online, keepRoot] {
         SelfTest test(workFolder);
+        test.setOnlineStep(&runOnlineSelfTest);
         const int status = test.run(online, keepRoot);
         QMetaObject::invokeMethod(
             qApp, [status] { QCoreApplication::exit(status); }, Qt::QueuedConnection);
-    });
-    return app.exec();
+    }).detach();
+    const int status = app.exec();
+    HttpTransport::instance().shutdown();
+    return status;
 }
 
 } // namespace
@@ -66,15 +76,26 @@ int main(int argc, char *argv[])
     QCoreApplication app(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Lofthaven"));
     QCoreApplication::setApplicationName(QStringLiteral("Lofthaven"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(LOFTHAVEN_VERSION));
 
     const Invocation invocation = parseArguments(app.arguments());
     switch (invocation.mode) {
     case Mode::SelfTestOffline:
     case Mode::SelfTestFull:
+        try {
+            ServiceOrigin::configure(app.arguments());
+        } catch (const AppError &error) {
+            if (invocation.mode == Mode::SelfTestFull) {
+                printLine(QStringLiteral("SELFTEST FAILED: ") + error.message());
+                return 1;
+            }
+        }
         return runSelfTest(app, invocation);
     case Mode::Desktop:
         break;
     }
+    if (const std::optional<int> status = runCommandLine(app.arguments()))
+        return *status;
     std::fputs("The desktop screens are not built yet; run lofthaven --selftest-offline to "
                "check the send engine.\n",
                stderr);

@@ -17,7 +17,12 @@ QCoro::Task<bool> stoppableSleep(std::chrono::milliseconds duration, std::stop_t
     QPointer<QTimer> guard(&timer);
     std::stop_callback wake(stop, [guard] {
         QMetaObject::invokeMethod(
-            guard, [guard] { if (guard) guard->start(0); }, Qt::QueuedConnection);
+            guard,
+            [guard] {
+                if (guard)
+                    guard->start(0);
+            },
+            Qt::QueuedConnection);
     });
     timer.start();
     co_await timer;

@@ -8,15 +8,28 @@
 
 namespace lofthaven {
 
-// A one-waiter event for coroutines that share one thread: notify() resumes the waiting
-// coroutine from the event loop (never inside the notifier's own stack), or, with nobody
-// waiting, lets the next co_await pass at once.
+// A one-waiter event for coroutines that share one thread: `co_await wakeup.wait()` suspends
+// until notify(), which resumes the waiter from the event loop (never inside the notifier's
+// own stack); with nobody waiting, the next wait() passes at once.
 class Wakeup
 {
 public:
-    bool await_ready() noexcept { return std::exchange(m_pending, false); }
-    void await_suspend(std::coroutine_handle<> waiter) noexcept { m_waiter = waiter; }
-    void await_resume() noexcept {}
+    // The awaiter refers to the Wakeup: promise types may copy what is co_awaited.
+    class Awaiter
+    {
+    public:
+        explicit Awaiter(Wakeup *wakeup)
+            : m_wakeup(wakeup)
+        {}
+        bool await_ready() noexcept { return std::exchange(m_wakeup->m_pending, false); }
+        void await_suspend(std::coroutine_handle<> waiter) noexcept { m_wakeup->m_waiter = waiter; }
+        void await_resume() noexcept {}
+
+    private:
+        Wakeup *m_wakeup;
+    };
+
+    Awaiter wait() { return Awaiter(this); }
 
     void notify()
     {

@@ -79,18 +79,18 @@ void TestSelfTest::run_data()
 
     QTest::newRow("offline passes") << QStringList{"--selftest-offline", "@"} << QStringList{}
                                     << (kOfflineLines + QStringList{"SELFTEST OK"}) << 0;
-    QTest::newRow("full run fails honestly until the online part exists")
-        << QStringList{"--selftest", "@"} << QStringList{}
-        << (kOfflineLines +
-            QStringList{
-                "SELFTEST FAILED: The online self-test is not available in this build yet."})
-        << 1;
+    // No service answers at this origin: the online half starts, then fails with a sentence.
+    const QStringList unreachable{"LOFTHAVEN_ORIGIN=http://127.0.0.1:9"};
+    const QStringList onlineFails{"Online: anonymous send → receive → delete (expiry 1 h)",
+                                  "SELFTEST FAILED: …"};
+    QTest::newRow("full run goes online after the offline checks")
+        << QStringList{"--selftest", "@"} << unreachable << (kOfflineLines + onlineFails) << 1;
     QTest::newRow("--selftest wins over --selftest-offline")
-        << QStringList{"--selftest-offline", "--selftest", "@"} << QStringList{}
-        << (kOfflineLines +
-            QStringList{
-                "SELFTEST FAILED: The online self-test is not available in this build yet."})
-        << 1;
+        << QStringList{"--selftest-offline", "--selftest", "@"} << unreachable
+        << (kOfflineLines + onlineFails) << 1;
+    QTest::newRow("a refused origin fails before any check")
+        << QStringList{"--selftest", "@"} << QStringList{"LOFTHAVEN_ORIGIN=http://example.com"}
+        << QStringList{"SELFTEST FAILED: …"} << 1;
     QTest::newRow("unzip reports an error")
         << QStringList{"--selftest-offline", "@"} << QStringList{"LOFTHAVEN_UNZIP=/bin/false"}
         << QStringList{kOfflineLines.mid(0, 3) +

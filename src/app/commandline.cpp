@@ -1,0 +1,145 @@
+#include "app/commandline.h"
+
+#include "api/apperror.h"
+#include "api/httptransport.h"
+#include "api/serviceorigin.h"
+#include "app/commandcontext.h"
+#include "app/receivecommand.h"
+#include "app/sendcommand.h"
+#include "platform/waitfortask.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+
+#include <atomic>
+#include <csignal>
+
+namespace lofthaven {
+
+namespace {
+
+std::atomic<bool> g_interrupted{false};
+
+extern "C" void onInterrupt(int)
+{
+    g_interrupted = true;
+}
+
+const char *const kUsage = "Usage:\n"
+                           "  lofthaven send [options] PATH...\n"
+                           "  lofthaven receive [options] CODE-OR-LINK\n"
+                           "  lofthaven --selftest-offline [folder]\n"
+                           "  lofthaven --selftest [folder]\n"
+                           "\n"
+                           "Run 'lofthaven send --help' or 'lofthaven receive --help' for their "
+                           "options.\n"
+                           "Common option: --origin URL (else LOFTHAVEN_ORIGIN, else the "
+                           "serviceOrigin setting).\n";
+
+// The first argument that is not --origin and its value.
+qsizetype commandIndex(const QStringList &arguments)
+{
+    for (qsizetype i = 1; i < arguments.size(); ++i) {
+        if (arguments.at(i) == QLatin1String("--origin")) {
+            ++i;
+            continue;
+        }
+        if (arguments.at(i).startsWith(QLatin1String("--origin=")))
+            continue;
+        return i;
+    }
+    return -1;
+}
+
+void installInterruptHandler()
+{
+    struct sigaction action
+    {
+    };
+    action.sa_handler = onInterrupt;
+    action.sa_flags = SA_RESETHAND; // a second Ctrl-C ends the process at once
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+} // namespace
+
+std::optional<int> runCommandLine(const QStringList &arguments)
+{
+    const qsizetype at = commandIndex(arguments);
+    if (at < 0)
+        return std::nullopt;
+    const QString command = arguments.at(at);
+    if (command == QLatin1String("--help") || command == QLatin1String("-h") ||
+        command == QLatin1String("help")) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    if (command == QLatin1String("--version")) {
+        CommandContext::printOut(QStringLiteral("lofthaven ") +
+                                 QCoreApplication::applicationVersion());
+        return 0;
+    }
+    const bool send = command == QLatin1String("send");
+    if (!send && command != QLatin1String("receive"))
+        return std::nullopt;
+
+    QStringList commandArguments = arguments;
+    commandArguments.removeAt(at);
+    commandArguments[0] = QStringLiteral("lofthaven ") + command;
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        send ? QStringLiteral("Send files and folders by code and link.")
+             : QStringLiteral("Receive a transfer by its code or link."));
+    parser.addHelpOption();
+    parser.addOption(
+        {QStringLiteral("origin"), QStringLiteral("The service origin."), QStringLiteral("url")});
+    if (send)
+        addSendOptions(parser);
+    else
+        addReceiveOptions(parser);
+    if (!parser.parse(commandArguments)) {
+        CommandContext::printError(parser.errorText());
+        std::fputs(kUsage, stderr);
+        return CommandContext::kUsage;
+    }
+    if (parser.isSet(QStringLiteral("help"))) {
+        std::fputs(parser.helpText().toUtf8().constData(), stdout);
+        return 0;
+    }
+    if (send && parser.positionalArguments().isEmpty()) {
+        CommandContext::printError(QStringLiteral("send needs at least one file or folder."));
+        std::fputs(kUsage, stderr);
+        return CommandContext::kUsage;
+    }
+
+    try {
+        ServiceOrigin::configure(arguments);
+    } catch (const AppError &error) {
+        CommandContext::printError(error.message());
+        return CommandContext::kUsage;
+    }
+
+    std::stop_source stop;
+    installInterruptHandler();
+    QTimer interruptPoll;
+    QObject::connect(&interruptPoll, &QTimer::timeout, [&stop] {
+        if (g_interrupted)
+            stop.request_stop();
+    });
+    interruptPoll.start(100);
+
+    CommandContext context;
+    context.parser = &parser;
+    context.serviceHost = ServiceOrigin::host();
+    context.stop = stop.get_token();
+    const int status =
+        send ? waitForTask(sendCommand(context)) : waitForTask(receiveCommand(context));
+    interruptPoll.stop();
+    HttpTransport::instance().shutdown();
+    return status;
+}
+
+} // namespace lofthaven

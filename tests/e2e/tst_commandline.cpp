@@ -1,0 +1,216 @@
+// The lofthaven executable end to end against a real local service: send and receive from
+// the command line, usage errors, limits, passwords, and the online self-test.
+#include "localservice.h"
+#include "testdata.h"
+
+#include <QCryptographicHash>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace lofthaven::testing;
+
+namespace {
+
+struct Outcome
+{
+    int status = -1;
+    QByteArray out;
+    QByteArray err;
+    QJsonObject json() const { return QJsonDocument::fromJson(out).object(); }
+};
+
+} // namespace
+
+class TestCommandLine : public QObject
+{
+    Q_OBJECT
+
+    LocalService m_service;
+    QTemporaryDir m_dir;
+
+    Outcome lofthaven(const QStringList &arguments, const QByteArray &input = {},
+                      int timeoutMs = 120000)
+    {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("LOFTHAVEN_ORIGIN"), m_service.origin());
+        environment.insert(QStringLiteral("XDG_CACHE_HOME"),
+                           m_dir.path() + QStringLiteral("/cache"));
+        environment.insert(QStringLiteral("XDG_CONFIG_HOME"),
+                           m_dir.path() + QStringLiteral("/config"));
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral(LOFTHAVEN_BIN_DIR "/lofthaven"), arguments);
+        process.write(input);
+        process.closeWriteChannel();
+        Outcome outcome;
+        if (!process.waitForFinished(timeoutMs)) {
+            process.kill();
+            process.waitForFinished();
+            return outcome;
+        }
+        outcome.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2;
+        outcome.out = process.readAllStandardOutput();
+        outcome.err = process.readAllStandardError();
+        return outcome;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QVERIFY2(m_service.start(), qPrintable(m_service.error()));
+    }
+
+    void usage_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("stderrHas");
+        QTest::newRow("help") << QStringList{"--help"} << 0 << QString();
+        QTest::newRow("send help") << QStringList{"send", "--help"} << 0 << QString();
+        QTest::newRow("version") << QStringList{"--version"} << 0 << QString();
+        QTest::newRow("send without paths") << QStringList{"send"} << 2 << "Usage:";
+        QTest::newRow("unknown option") << QStringList{"send", "--bogus", "x"} << 2 << "Usage:";
+        QTest::newRow("receive two codes")
+            << QStringList{"receive", "123456", "654321"} << 2 << "one code or link";
+        QTest::newRow("expiry not offered")
+            << QStringList{"send", "--expires", "5", "x"} << 2 << "--expires";
+        QTest::newRow("missing file") << QStringList{"send", "/nonexistent/x"} << 1 << "";
+        QTest::newRow("unknown code") << QStringList{"receive", "000002"} << 1
+                                      << "No active transfer uses that code or link.";
+        QTest::newRow("not a code") << QStringList{"receive", "hello"} << 1
+                                    << "Enter the 6-digit code or paste a 127.0.0.1 link.";
+        QTest::newRow("non-loopback http origin")
+            << QStringList{"receive", "--origin", "http://example.com", "123456"} << 2 << "https";
+    }
+    void usage()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, status);
+        QFETCH(QString, stderrHas);
+        const Outcome outcome = lofthaven(arguments);
+        QCOMPARE(outcome.status, status);
+        QVERIFY2(QString::fromUtf8(outcome.err).contains(stderrHas), outcome.err.constData());
+    }
+
+    void overTheAnonymousLimit()
+    {
+        const QString big = m_dir.path() + QStringLiteral("/big.iso");
+        QFile file(big);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QVERIFY(file.resize(600LL * 1024 * 1024)); // sparse: nothing is written
+        file.close();
+        const Outcome outcome = lofthaven({QStringLiteral("send"), big});
+        QCOMPARE(outcome.status, 1);
+        QCOMPARE(QString::fromUtf8(outcome.err).trimmed(),
+                 "big.iso is 600 MB; the limit is 500 MB per transfer without an account. Sign "
+                 "in for free to send up to 2 GB.");
+        QCOMPARE(m_service.log().size(), 0);
+    }
+
+    // Send then receive, byte for byte, for a file and for a folder.
+    void roundTrip_data()
+    {
+        QTest::addColumn<bool>("folder");
+        QTest::addColumn<bool>("password");
+        QTest::addColumn<qint64>("size");
+        QTest::newRow("file") << false << false << qint64(3 << 20);
+        QTest::newRow("file with password") << false << true << qint64(1000);
+        QTest::newRow("folder") << true << false << qint64(200000);
+        QTest::newRow("large file") << false << false << qint64(96 << 20);
+    }
+    void roundTrip()
+    {
+        QFETCH(bool, folder);
+        QFETCH(bool, password);
+        QFETCH(qint64, size);
+        const QString root = m_dir.path() + QStringLiteral("/rt-") + QTest::currentDataTag();
+        const QByteArray a = randomBytes(size);
+        const QByteArray b = randomBytes(777);
+        QVERIFY(writeFile(root + QStringLiteral("/Photos/a.bin"), a));
+        QVERIFY(writeFile(root + QStringLiteral("/Photos/Ünïcode/b b.txt"), b));
+        const QString path =
+            folder ? root + QStringLiteral("/Photos") : root + QStringLiteral("/Photos/a.bin");
+
+        QStringList sendArguments{QStringLiteral("send"), QStringLiteral("--json"),
+                                  QStringLiteral("--expires"), QStringLiteral("3600")};
+        if (password)
+            sendArguments << QStringLiteral("--password-stdin");
+        const Outcome sent = lofthaven(sendArguments << path, password ? "s3cret\n" : "");
+        QVERIFY2(sent.status == 0, sent.err.constData());
+        const QJsonObject created = sent.json();
+        QCOMPARE(created.value(QStringLiteral("code")).toString().size(), 6);
+        QVERIFY(created.value(QStringLiteral("url"))
+                    .toString()
+                    .contains(created.value(QStringLiteral("id")).toString()));
+
+        const QString into = root + QStringLiteral("/received");
+        QStringList receiveArguments{QStringLiteral("receive"), QStringLiteral("--json"),
+                                     QStringLiteral("--to"), into};
+        if (password) {
+            const Outcome refused =
+                lofthaven(QStringList(receiveArguments) << created.value("code").toString());
+            QCOMPARE(refused.status, 1);
+            QVERIFY(refused.err.contains("password protected"));
+            receiveArguments << QStringLiteral("--password-stdin");
+        }
+        const Outcome received = lofthaven(receiveArguments << created.value("url").toString(),
+                                           password ? "s3cret\n" : "");
+        QVERIFY2(received.status == 0, received.err.constData());
+        const QString saved = received.json().value(QStringLiteral("path")).toString();
+        if (folder) {
+            QCOMPARE(saved, into + QStringLiteral("/Photos"));
+            QCOMPARE(readFile(saved + QStringLiteral("/a.bin")), a);
+            QCOMPARE(readFile(saved + QStringLiteral("/Ünïcode/b b.txt")), b);
+        } else {
+            QCOMPARE(saved, into + QStringLiteral("/a.bin"));
+            QCOMPARE(QCryptographicHash::hash(readFile(saved), QCryptographicHash::Sha256),
+                     QCryptographicHash::hash(a, QCryptographicHash::Sha256));
+        }
+        // A second receive of the same transfer never overwrites the first.
+        if (!folder && !password) {
+            const Outcome again =
+                lofthaven(QStringList{QStringLiteral("receive"), QStringLiteral("--to"), into,
+                                      created.value("code").toString()});
+            QCOMPARE(again.status, 0);
+            QCOMPARE(QString::fromUtf8(again.out).trimmed(), into + QStringLiteral("/a (2).bin"));
+        }
+    }
+
+    void onlineSelfTest()
+    {
+        const QString folder = m_dir.path() + QStringLiteral("/selftest");
+        const Outcome outcome = lofthaven({QStringLiteral("--selftest"), folder});
+        const QString out = QString::fromUtf8(outcome.out);
+        QVERIFY2(outcome.status == 0, qPrintable(out + QString::fromUtf8(outcome.err)));
+        QVERIFY(out.endsWith(QStringLiteral("SELFTEST OK\n")));
+        for (const QString &label :
+             {QStringLiteral("Online: anonymous send → receive → delete (expiry 1 h)"),
+              QStringLiteral("  ✓ code resolves to"), QStringLiteral("  ✓ metadata matches ("),
+              QStringLiteral("  ✓ downloaded bytes identical (resumed with Range from byte 10)"),
+              QStringLiteral("  ✓ downloaded ZIP unzips to identical bytes")})
+            QVERIFY2(out.contains(label), qPrintable(label));
+        QVERIFY(!out.contains(QStringLiteral("✗")));
+    }
+
+    void onlineSelfTestFailsHonestly()
+    {
+        // No service at this origin: the online half fails with a sentence, exit 1.
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("LOFTHAVEN_ORIGIN"),
+                           QStringLiteral("http://127.0.0.1:9"));
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral(LOFTHAVEN_BIN_DIR "/lofthaven"),
+                      {QStringLiteral("--selftest")});
+        QVERIFY(process.waitForFinished(120000));
+        QCOMPARE(process.exitCode(), 1);
+        QVERIFY(process.readAllStandardOutput().contains("SELFTEST FAILED: "));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestCommandLine)
+#include "tst_commandline.moc"
