@@ -16,4 +16,11 @@ for _ in $(seq 50); do
   sleep 0.1
 done
 export LOFTHAVEN_ORIGIN="http://127.0.0.1:$port"
-build/bin/lofthaven "$@"
+if [ $# -eq 0 ]; then
+  # The desktop screens are not built yet: show the engine working end to end instead.
+  echo "Local service: $LOFTHAVEN_ORIGIN (open $LOFTHAVEN_ORIGIN/d/<id> in a browser to receive)"
+  build/bin/lofthaven --selftest
+  echo "Try: scripts/run.sh send FILE...   and   scripts/run.sh receive CODE"
+else
+  build/bin/lofthaven "$@"
+fi

@@ -6,14 +6,25 @@
 #include <QDir>
 #include <QFile>
 
+#include <cerrno>
+#include <cstring>
+
 namespace lofthaven {
 
 namespace {
 
+// Qt words some write failures (a full disk, a file size limit) as "Unknown error";
+// the system's own words are what the user needs.
 void writeAll(QFile &file, const char *data, qint64 length)
 {
-    if (file.write(data, length) != length)
-        throw AppError(file.fileName() + u": " + file.errorString());
+    errno = 0;
+    if (file.write(data, length) != length) {
+        const int error = errno;
+        throw AppError(QStringLiteral("Couldn't write part of the archive to ") + file.fileName()
+                       + u": "
+                       + (error ? QString::fromLocal8Bit(std::strerror(error)) : file.errorString())
+                       + u'.');
+    }
 }
 
 } // namespace

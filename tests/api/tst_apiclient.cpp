@@ -1,5 +1,5 @@
 #include "testhttpserver.h"
-#include "testwait.h"
+#include "platform/waitfortask.h"
 
 #include "api/apiclient.h"
 #include "api/apierror.h"
@@ -155,7 +155,7 @@ private Q_SLOTS:
         HttpRequest request = client.makeRequest(
             APIClient::downloadPath(QStringLiteral("t1"), QStringLiteral("a&b=c+d e")));
         request.headers.append(qMakePair(QByteArray("Range"), QByteArray("bytes=3-")));
-        const HttpResponse response = runTask(HttpTransport::instance().send(request));
+        const HttpResponse response = lofthaven::waitForTask(HttpTransport::instance().send(request));
         QCOMPARE(response.status, 200); // the fake service ignores ranges
         const auto seen = server.seen().at(0);
         QCOMPARE(seen.target, "/dl/t1?t=a%26b%3Dc%2Bd%20e");
@@ -216,29 +216,29 @@ private Q_SLOTS:
         ServiceOrigin::setUrl(server.origin());
         const APIClient client(QStringLiteral("tok"));
 
-        const MeResponse me = runTask(client.me());
+        const MeResponse me = lofthaven::waitForTask(client.me());
         QCOMPARE(me.limits->maxBytes, qint64(107374182400));
-        QCOMPARE(runTask(client.accountTransfers()).transfers.at(0).id, QStringLiteral("t1"));
-        QCOMPARE(runTask(client.inbox()).items.at(0).device.value(), QStringLiteral("Phone"));
+        QCOMPARE(lofthaven::waitForTask(client.accountTransfers()).transfers.at(0).id, QStringLiteral("t1"));
+        QCOMPARE(lofthaven::waitForTask(client.inbox()).items.at(0).device.value(), QStringLiteral("Phone"));
 
         const DeviceLoginStart start =
-            runTask(client.startDeviceLogin(QStringLiteral("Lofthaven for Mac (box)")));
+            lofthaven::waitForTask(client.startDeviceLogin(QStringLiteral("Lofthaven for Mac (box)")));
         QCOMPARE(start.userCode, QStringLiteral("ABCD-EFGH"));
         QCOMPARE(*start.interval, 2.0);
-        const DeviceLoginPoll pending = runTask(client.pollDeviceLogin(QStringLiteral("pending")));
+        const DeviceLoginPoll pending = lofthaven::waitForTask(client.pollDeviceLogin(QStringLiteral("pending")));
         QCOMPARE(pending.status, 428);
         QCOMPARE(pending.token.error.value(), QStringLiteral("authorization_pending"));
-        const DeviceLoginPoll broken = runTask(client.pollDeviceLogin(QStringLiteral("broken")));
+        const DeviceLoginPoll broken = lofthaven::waitForTask(client.pollDeviceLogin(QStringLiteral("broken")));
         QCOMPARE(broken.status, 500);
         QCOMPARE(broken.token, DeviceLoginToken());
-        const DeviceLoginPoll approved = runTask(client.pollDeviceLogin(QStringLiteral("dc")));
+        const DeviceLoginPoll approved = lofthaven::waitForTask(client.pollDeviceLogin(QStringLiteral("dc")));
         QCOMPARE(approved.token.token.value(), QStringLiteral("new-token"));
-        runTask(client.logout());
+        lofthaven::waitForTask(client.logout());
 
-        QCOMPARE(runTask(client.lookupCode(QStringLiteral("123456"))).id, QStringLiteral("t1"));
-        const TransferMeta meta = runTask(client.transfer(QStringLiteral("t1")));
+        QCOMPARE(lofthaven::waitForTask(client.lookupCode(QStringLiteral("123456"))).id, QStringLiteral("t1"));
+        const TransferMeta meta = lofthaven::waitForTask(client.transfer(QStringLiteral("t1")));
         QCOMPARE(meta.size, qint64(5000000000));
-        QCOMPARE(runTask(client.unlock(QStringLiteral("t1"), QStringLiteral("open sesame"))).token,
+        QCOMPARE(lofthaven::waitForTask(client.unlock(QStringLiteral("t1"), QStringLiteral("open sesame"))).token,
                  QStringLiteral("unl&ck=+"));
 
         CreateTransferBody body;
@@ -248,7 +248,7 @@ private Q_SLOTS:
         body.expiresIn = 3600;
         body.partSize = 16777216;
         body.source = QStringLiteral("desktop");
-        const CreatedTransfer created = runTask(client.createTransfer(body));
+        const CreatedTransfer created = lofthaven::waitForTask(client.createTransfer(body));
         QCOMPARE(created.ownerToken, QStringLiteral("own"));
 
         QTemporaryDir dir;
@@ -257,21 +257,21 @@ private Q_SLOTS:
         file.write("hello world");
         file.close();
         qint64 sent = 0;
-        const PartResponse part = runTask(client.uploadPart(created.id, created.ownerToken, 1,
+        const PartResponse part = lofthaven::waitForTask(client.uploadPart(created.id, created.ownerToken, 1,
                                                             FileBody{file.fileName(), 0, 11},
                                                             [&](qint64 bytes) { sent = bytes; }));
         QCOMPARE(part.etag, QStringLiteral("etag-11"));
         QCOMPARE(sent, qint64(11));
 
-        const CompletedTransfer completed = runTask(client.completeTransfer(
+        const CompletedTransfer completed = lofthaven::waitForTask(client.completeTransfer(
             created.id, created.ownerToken, CompleteBody{{{1, part.etag}}}));
         QCOMPARE(completed.size.value(), qint64(11));
-        runTask(client.abortTransfer(created.id, created.ownerToken)); // 410 is ignored
-        QCOMPARE(runTask(client.extendTransfer(created.id, created.ownerToken)).expiresAt, 99.0);
-        QCOMPARE(runTask(client.deleteTransfer(created.id, std::nullopt)).ok, std::optional(true));
-        QCOMPARE(runTask(client.deleteTransfer(QStringLiteral("t8"), QStringLiteral("o"))).ok,
+        lofthaven::waitForTask(client.abortTransfer(created.id, created.ownerToken)); // 410 is ignored
+        QCOMPARE(lofthaven::waitForTask(client.extendTransfer(created.id, created.ownerToken)).expiresAt, 99.0);
+        QCOMPARE(lofthaven::waitForTask(client.deleteTransfer(created.id, std::nullopt)).ok, std::optional(true));
+        QCOMPARE(lofthaven::waitForTask(client.deleteTransfer(QStringLiteral("t8"), QStringLiteral("o"))).ok,
                  std::optional(false));
-        QCOMPARE(runTask(client.updateInfo()).version, QStringLiteral("2.0"));
+        QCOMPARE(lofthaven::waitForTask(client.updateInfo()).version, QStringLiteral("2.0"));
 
         // What went over the wire.
         const auto seen = server.seen();
@@ -315,21 +315,21 @@ private Q_SLOTS:
         ServiceOrigin::setUrl(server.origin());
         const APIClient client;
         try {
-            runTask(client.lookupCode(QStringLiteral("000000")));
+            lofthaven::waitForTask(client.lookupCode(QStringLiteral("000000")));
             QFAIL("404 must throw");
         } catch (const APIError &error) {
             QCOMPARE(error.status(), 404);
             QCOMPARE(error.description(), QStringLiteral("No transfer has that code."));
         }
         try {
-            runTask(client.unlock(QStringLiteral("t1"), QStringLiteral("wrong")));
+            lofthaven::waitForTask(client.unlock(QStringLiteral("t1"), QStringLiteral("wrong")));
             QFAIL("403 must throw");
         } catch (const APIError &error) {
             QCOMPARE(error.code(), QStringLiteral("bad_password"));
             QCOMPARE(error.description(), QStringLiteral("Wrong password."));
         }
         // An empty 2xx body is fine only where an acknowledgement is expected.
-        QVERIFY_THROWS_EXCEPTION(DecodeError, runTask(client.transfer(QStringLiteral("notjson"))));
+        QVERIFY_THROWS_EXCEPTION(DecodeError, lofthaven::waitForTask(client.transfer(QStringLiteral("notjson"))));
         QVERIFY(!server.seen().at(0).has("Authorization"));
     }
 };

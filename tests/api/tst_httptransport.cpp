@@ -1,5 +1,5 @@
 #include "testhttpserver.h"
-#include "testwait.h"
+#include "platform/waitfortask.h"
 
 #include "api/apiclient.h"
 #include "api/apierror.h"
@@ -88,7 +88,7 @@ private Q_SLOTS:
             response.set_header("X-Test", "kettle");
             response.set_content("short and stout", "text/plain");
         });
-        const HttpResponse response = runTask(HttpTransport::instance().send(get(server, "/tea")));
+        const HttpResponse response = lofthaven::waitForTask(HttpTransport::instance().send(get(server, "/tea")));
         QCOMPARE(response.status, 418);
         QCOMPARE(response.body, QByteArray("short and stout"));
         QCOMPARE(response.header("x-test"), QByteArray("kettle"));
@@ -113,7 +113,7 @@ private Q_SLOTS:
         HttpRequest request = get(origin, "/api/me");
         request.headers.append({secretHeader, "s3cret"});
         request.followRedirects = true; // even when asked to: a secret never travels on
-        const HttpResponse response = runTask(HttpTransport::instance().send(request));
+        const HttpResponse response = lofthaven::waitForTask(HttpTransport::instance().send(request));
         QCOMPARE(response.status, 302);
         QCOMPARE(elsewhere.requestCount(), size_t(0));
     }
@@ -128,7 +128,7 @@ private Q_SLOTS:
         });
         ServiceOrigin::setUrl(origin.origin());
         try {
-            runTask(APIClient(QStringLiteral("tok")).me());
+            lofthaven::waitForTask(APIClient(QStringLiteral("tok")).me());
             QFAIL("a redirect must not count as success");
         } catch (const APIError &error) {
             QCOMPARE(error.status(), 302);
@@ -146,7 +146,7 @@ private Q_SLOTS:
             response.set_redirect(elsewhere.origin().toStdString() + "/manifest.json");
         });
         ServiceOrigin::setUrl(origin.origin());
-        const UpdateInfo info = runTask(APIClient(QStringLiteral("tok")).updateInfo());
+        const UpdateInfo info = lofthaven::waitForTask(APIClient(QStringLiteral("tok")).updateInfo());
         QCOMPARE(info.version, QStringLiteral("1.2.3"));
         QCOMPARE(elsewhere.requestCount(), size_t(1));
         QVERIFY(!elsewhere.seen().at(0).has("Authorization"));
@@ -159,7 +159,7 @@ private Q_SLOTS:
             response.set_content(std::string(3 << 20, 'x'), "application/json");
         });
         try {
-            runTask(HttpTransport::instance().send(get(server, "/big")));
+            lofthaven::waitForTask(HttpTransport::instance().send(get(server, "/big")));
             QFAIL("an answer over the cap must fail");
         } catch (const TransportError &error) {
             QVERIFY(!error.retryable());
@@ -177,7 +177,7 @@ private Q_SLOTS:
         HttpRequest request = get(server, "/err");
         request.maxCapturedBody = 65536;
         request.truncateCapturedBody = true;
-        const HttpResponse response = runTask(HttpTransport::instance().send(request));
+        const HttpResponse response = lofthaven::waitForTask(HttpTransport::instance().send(request));
         QCOMPARE(response.status, 500);
         QCOMPARE(response.body, QByteArray(65536, 'e'));
     }
@@ -198,7 +198,7 @@ private Q_SLOTS:
         HttpRequest request = get(server, "/slow");
         request.idleTimeout = 1s;
         try {
-            runTask(HttpTransport::instance().send(request));
+            lofthaven::waitForTask(HttpTransport::instance().send(request));
             QFAIL("a trickling answer must be cut");
         } catch (const TransportError &error) {
             QVERIFY(error.retryable());
@@ -221,7 +221,7 @@ private Q_SLOTS:
         stop.request_stop();
         bool cancelled = false;
         try {
-            runTask(std::move(task));
+            lofthaven::waitForTask(std::move(task));
         } catch (const Cancelled &) {
             cancelled = true;
         }
@@ -238,7 +238,7 @@ private Q_SLOTS:
         HttpRequest request;
         request.url = QUrl(QStringLiteral("http://127.0.0.1:9/never"));
         QVERIFY_THROWS_EXCEPTION(
-            Cancelled, runTask(HttpTransport::instance().send(request, stop.get_token())));
+            Cancelled, lofthaven::waitForTask(HttpTransport::instance().send(request, stop.get_token())));
     }
 
     void atMostEightConnectionsPerHost()
@@ -266,7 +266,7 @@ private Q_SLOTS:
                 ok += (co_await task).status == 200;
             co_return ok;
         };
-        QCOMPARE(runTask(all()), 12);
+        QCOMPARE(lofthaven::waitForTask(all()), 12);
         QVERIFY2(server.connectionCount() <= 8,
                  qPrintable(QString::number(server.connectionCount())));
         QVERIFY(peak.load() <= 8);
@@ -300,7 +300,7 @@ private Q_SLOTS:
         request.fileBody = FileBody{file.fileName(), offset, length};
         std::atomic<qint64> lastSent{-1};
         request.onUploadProgress = [&](qint64 sent) { lastSent = sent; };
-        const HttpResponse response = runTask(HttpTransport::instance().send(request));
+        const HttpResponse response = lofthaven::waitForTask(HttpTransport::instance().send(request));
         QCOMPARE(response.status, 200);
         const auto seen = server.seen().at(0);
         QCOMPARE(seen.method, "PUT");
@@ -324,7 +324,7 @@ private Q_SLOTS:
         request.method = "PUT";
         request.fileBody = FileBody{file.fileName(), 50, 51};
         try {
-            runTask(HttpTransport::instance().send(request));
+            lofthaven::waitForTask(HttpTransport::instance().send(request));
             QFAIL("a short file must fail");
         } catch (const AppError &error) {
             QCOMPARE(error.message(), QStringLiteral("notes.txt changed while sending."));
@@ -351,7 +351,7 @@ private Q_SLOTS:
                 QFile::resize(path, 1 << 20);
         };
         try {
-            runTask(HttpTransport::instance().send(request));
+            lofthaven::waitForTask(HttpTransport::instance().send(request));
             QFAIL("a file that shrinks while sending must fail");
         } catch (const AppError &error) {
             QCOMPARE(error.message(), QStringLiteral("movie.mov changed while sending."));
@@ -369,7 +369,7 @@ private Q_SLOTS:
         auto sink = std::make_shared<RecordingSink>();
         HttpRequest request = get(server, "/dl/x");
         request.sink = sink;
-        const HttpResponse response = runTask(HttpTransport::instance().send(request));
+        const HttpResponse response = lofthaven::waitForTask(HttpTransport::instance().send(request));
         QCOMPARE(response.status, 200);
         QVERIFY(response.body.isEmpty());
         QVERIFY(!response.sinkAborted);
@@ -393,7 +393,7 @@ private Q_SLOTS:
         auto sink = std::make_shared<RecordingSink>();
         HttpRequest request = get(server, "/missing");
         request.sink = sink;
-        const HttpResponse missing = runTask(HttpTransport::instance().send(request));
+        const HttpResponse missing = lofthaven::waitForTask(HttpTransport::instance().send(request));
         QCOMPARE(missing.status, 404);
         QCOMPARE(APIError::fromResponse(missing.status, missing.body).description(),
                  QStringLiteral("No such transfer."));
@@ -403,7 +403,7 @@ private Q_SLOTS:
         failing->failAfter = 1000;
         HttpRequest full = get(server, "/full");
         full.sink = failing;
-        const HttpResponse aborted = runTask(HttpTransport::instance().send(full));
+        const HttpResponse aborted = lofthaven::waitForTask(HttpTransport::instance().send(full));
         QVERIFY2(aborted.sinkAborted, qPrintable(QStringLiteral("status %1 received %2 began %3")
                                                      .arg(aborted.status)
                                                      .arg(failing->received.size())
@@ -422,7 +422,7 @@ private Q_SLOTS:
         HttpRequest request;
         request.url = QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(port));
         try {
-            runTask(HttpTransport::instance().send(request));
+            lofthaven::waitForTask(HttpTransport::instance().send(request));
             QFAIL("nothing listens there");
         } catch (const TransportError &error) {
             QVERIFY(error.retryable());
@@ -443,7 +443,7 @@ private Q_SLOTS:
         QFETCH(QString, url);
         HttpRequest request;
         request.url = QUrl(url);
-        QVERIFY_THROWS_EXCEPTION(AppError, runTask(HttpTransport::instance().send(request)));
+        QVERIFY_THROWS_EXCEPTION(AppError, lofthaven::waitForTask(HttpTransport::instance().send(request)));
     }
 
     void restartsAfterShutdown()
@@ -451,9 +451,9 @@ private Q_SLOTS:
         TestHttpServer server([](const httplib::Request &, httplib::Response &response) {
             response.set_content("{}", "application/json");
         });
-        QCOMPARE(runTask(HttpTransport::instance().send(get(server, "/a"))).status, 200);
+        QCOMPARE(lofthaven::waitForTask(HttpTransport::instance().send(get(server, "/a"))).status, 200);
         HttpTransport::instance().shutdown();
-        QCOMPARE(runTask(HttpTransport::instance().send(get(server, "/b"))).status, 200);
+        QCOMPARE(lofthaven::waitForTask(HttpTransport::instance().send(get(server, "/b"))).status, 200);
     }
 };
 

@@ -4,6 +4,8 @@
 #include "testdata.h"
 
 #include <QCryptographicHash>
+#include <QDir>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -181,6 +183,63 @@ private Q_SLOTS:
             QCOMPARE(again.status, 0);
             QCOMPARE(QString::fromUtf8(again.out).trimmed(), into + QStringLiteral("/a (2).bin"));
         }
+    }
+
+    // Names come from the service and are not to be trusted: they land inside the folder.
+    void hostileNames_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("saved");
+        QTest::newRow("parent folder") << "../x" << "_._x";
+        QTest::newRow("absolute") << "/abs" << "_abs";
+        QTest::newRow("separators") << "a/b:c.txt" << "a_b_c.txt";
+        QTest::newRow("only spaces") << "   " << "download";
+        QTest::newRow("hidden file") << ".profile" << "_profile";
+        QTest::newRow("control characters") << QStringLiteral("a\x01" "b\nc") << "abc";
+    }
+    void hostileNames()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, saved);
+        const QByteArray body = QJsonDocument(QJsonObject{
+            {"name", name}, {"size", 4}, {"files", QJsonArray()}, {"expiresIn", 3600},
+            {"maxDownloads", 0}, {"partSize", 4096}, {"source", "test"}}).toJson();
+        const auto curl = [](const QStringList &arguments, const QByteArray &input = {}) {
+            QProcess process;
+            process.start(QStringLiteral("curl"), QStringList{QStringLiteral("-sf")} + arguments);
+            process.write(input);
+            process.closeWriteChannel();
+            process.waitForFinished(20000);
+            return QJsonDocument::fromJson(process.readAllStandardOutput()).object();
+        };
+        const QString api = m_service.origin() + QStringLiteral("/api/transfers");
+        const QJsonObject created =
+            curl({QStringLiteral("-H"), QStringLiteral("Content-Type: application/json"),
+                  QStringLiteral("--data-binary"), QStringLiteral("@-"), api},
+                 body);
+        if (created.isEmpty())
+            QSKIP("the service refuses this name");
+        const QString id = created.value("id").toString();
+        const QString owner = QStringLiteral("X-Owner-Token: ") + created.value("ownerToken").toString();
+        const QJsonObject part = curl({QStringLiteral("-X"), QStringLiteral("PUT"),
+                                       QStringLiteral("-H"), owner, QStringLiteral("--data-binary"),
+                                       QStringLiteral("@-"), api + "/" + id + "/parts/1"},
+                                      "evil");
+        const QJsonObject parts{{"parts", QJsonArray{QJsonObject{
+                                              {"partNumber", 1}, {"etag", part.value("etag")}}}}};
+        curl({QStringLiteral("-H"), owner, QStringLiteral("-H"),
+              QStringLiteral("Content-Type: application/json"), QStringLiteral("--data-binary"),
+              QStringLiteral("@-"), api + "/" + id + "/complete"},
+             QJsonDocument(parts).toJson());
+
+        const QString into = m_dir.path() + QStringLiteral("/hostile/") + QTest::currentDataTag();
+        const Outcome received = lofthaven({QStringLiteral("receive"), QStringLiteral("--to"),
+                                            into, created.value("code").toString()});
+        QVERIFY2(received.status == 0, received.err.constData());
+        QCOMPARE(QString::fromUtf8(received.out).trimmed(), into + u'/' + saved);
+        QCOMPARE(readFile(into + u'/' + saved), QByteArray("evil"));
+        QCOMPARE(QDir(m_dir.path() + QStringLiteral("/hostile")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).size(),
+                 QDir(m_dir.path() + QStringLiteral("/hostile")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
     }
 
     void onlineSelfTest()

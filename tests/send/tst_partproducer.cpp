@@ -3,7 +3,7 @@
 #include "send/readrange.h"
 #include "send/sendplan.h"
 #include "send/zipstream.h"
-#include "testfiles.h"
+#include "testdata.h"
 
 #include <QTemporaryDir>
 #include <QTest>
@@ -64,8 +64,8 @@ void TestPartProducer::spilledParts()
     QTemporaryDir dir;
     const QStringList names{"a.bin", "Sub/bé ✓.bin", "c"}; // the self-test's names come first
     for (qsizetype i = 0; i < fileSizes.size(); ++i)
-        QVERIFY(testfiles::writeFile(dir.filePath(u"Trip/" + names.at(i)),
-                                     testfiles::randomBytes(fileSizes.at(i), quint32(i))));
+        QVERIFY(lofthaven::testing::writeFile(dir.filePath(u"Trip/" + names.at(i)),
+                                     lofthaven::testing::randomBytes(fileSizes.at(i), quint32(i))));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("Trip"))});
     QVERIFY(plan.isZip);
     const QByteArray reference = referenceArchive(plan);
@@ -81,7 +81,7 @@ void TestPartProducer::spilledParts()
         QVERIFY(!producer.isFinished() || joined.size() + part->length == plan.size);
         QVERIFY(part->isSpilled());
         QCOMPARE(part->path, spill + u"/part-" + QString::number(number));
-        const QByteArray bytes = testfiles::readFile(part->path);
+        const QByteArray bytes = lofthaven::testing::readFile(part->path);
         QCOMPARE(bytes.size(), part->length);
         const qint64 expectedLength = std::min(partSize, plan.size - joined.size());
         QCOMPARE(part->length, expectedLength);
@@ -121,8 +121,8 @@ void TestPartProducer::fileRanges()
     QFETCH(QList<qint64>, lengths);
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("movie.mp4"));
-    const QByteArray bytes = testfiles::randomBytes(fileSize);
-    QVERIFY(testfiles::writeFile(path, bytes));
+    const QByteArray bytes = lofthaven::testing::randomBytes(fileSize);
+    QVERIFY(lofthaven::testing::writeFile(path, bytes));
     const SendPlan plan = SendPlan::make({path});
     QVERIFY(!plan.isZip);
     const QString spill = dir.filePath(QStringLiteral("spill"));
@@ -168,8 +168,8 @@ void TestPartProducer::readRange()
     QFETCH(QString, error);
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("clip ✓.mov"));
-    const QByteArray bytes = testfiles::randomBytes(1000);
-    QVERIFY(testfiles::writeFile(path, bytes));
+    const QByteArray bytes = lofthaven::testing::randomBytes(1000);
+    QVERIFY(lofthaven::testing::writeFile(path, bytes));
     if (truncateTo >= 0)
         QVERIFY(QFile::resize(path, truncateTo));
     if (truncateTo == -2)
@@ -187,7 +187,7 @@ void TestPartProducer::streamErrorsPassThrough()
 {
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("Trip/a.bin"));
-    QVERIFY(testfiles::writeFile(path, testfiles::randomBytes(5000)));
+    QVERIFY(lofthaven::testing::writeFile(path, lofthaven::testing::randomBytes(5000)));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("Trip"))});
     QVERIFY(QFile::resize(path, 4000));
     PartProducer producer(plan, 1000, dir.filePath(QStringLiteral("spill")));
@@ -204,8 +204,8 @@ void TestPartProducer::streamErrorsPassThrough()
 void TestPartProducer::spillFolderMustBeCreatable()
 {
     QTemporaryDir dir;
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/a")), "1"));
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("blocker")), "file, not folder"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/a")), "1"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("blocker")), "file, not folder"));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
     QVERIFY_THROWS_EXCEPTION(AppError,
                              PartProducer(plan, 10, dir.filePath(QStringLiteral("blocker/spill"))));
@@ -214,15 +214,15 @@ void TestPartProducer::spillFolderMustBeCreatable()
 void TestPartProducer::spillFileIsReplaced()
 {
     QTemporaryDir dir;
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/a")), "1"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/a")), "1"));
     const QString spill = dir.filePath(QStringLiteral("spill"));
-    QVERIFY(testfiles::writeFile(spill + u"/part-1", QByteArray(100000, 'o')));
+    QVERIFY(lofthaven::testing::writeFile(spill + u"/part-1", QByteArray(100000, 'o')));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
     PartProducer producer(plan, 1 << 20, spill);
     const std::optional<PartPayload> part = producer.next(1);
     QVERIFY(part);
     QCOMPARE(QFileInfo(part->path).size(), plan.size);
-    QVERIFY(testfiles::readFile(part->path) == referenceArchive(plan));
+    QVERIFY(lofthaven::testing::readFile(part->path) == referenceArchive(plan));
 }
 
 QTEST_GUILESS_MAIN(TestPartProducer)

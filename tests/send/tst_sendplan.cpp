@@ -1,7 +1,7 @@
 #include "api/apperror.h"
 #include "send/sendplan.h"
 #include "send/zipstream.h"
-#include "testfiles.h"
+#include "testdata.h"
 
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -169,7 +169,7 @@ void TestSendPlan::plan()
     for (const QString &entry : files) {
         const QString path = entry.section(u':', 0, -2);
         const qint64 size = entry.section(u':', -1).toLongLong();
-        QVERIFY(testfiles::writeFile(dir.filePath(path), QByteArray(size, 'x')));
+        QVERIFY(lofthaven::testing::writeFile(dir.filePath(path), QByteArray(size, 'x')));
         sizes.insert(path, size);
     }
     for (const QString &entry : links) {
@@ -238,7 +238,7 @@ void TestSendPlan::itemMetadata()
 {
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("F/when.txt"));
-    QVERIFY(testfiles::writeFile(path, "12345"));
+    QVERIFY(lofthaven::testing::writeFile(path, "12345"));
     const QDateTime when = QDateTime(QDate(2021, 3, 4), QTime(5, 6, 7, 500), Qt::UTC);
     {
         QFile file(path);
@@ -269,7 +269,7 @@ void TestSendPlan::fileCountLimit()
     QCOMPARE(plan.items.first().name, QStringLiteral("Many/d0/f0"));
     QCOMPARE(plan.items.at(1).name, QStringLiteral("Many/d0/f100"));
 
-    QVERIFY(testfiles::writeFile(folder + u"/one-more", {}));
+    QVERIFY(lofthaven::testing::writeFile(folder + u"/one-more", {}));
     try {
         SendPlan::make({folder});
         QFAIL("65001 files should be refused");
@@ -299,8 +299,8 @@ void TestSendPlan::archiveSizeLimit()
     QTemporaryDir dir;
     // "Big/a" (5 bytes) + "Big/huge" (8 bytes): 22 + (92 + 10 + 5) + (92 + 16 + size)
     const qint64 hugeSize = archiveSize - 22 - 107 - 108;
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("Big/a")), "12345"));
-    if (!testfiles::makeSparseFile(dir.filePath(QStringLiteral("Big/huge")), hugeSize))
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("Big/a")), "12345"));
+    if (!lofthaven::testing::makeSparseFile(dir.filePath(QStringLiteral("Big/huge")), hugeSize))
         QSKIP("this file system cannot hold a sparse 4 GB file");
     const QString folder = dir.filePath(QStringLiteral("Big"));
     if (error.isEmpty()) {
@@ -335,7 +335,7 @@ void TestSendPlan::sizeLimitMessageFromItems()
 void TestSendPlan::missingSelectionFails()
 {
     QTemporaryDir dir;
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("a.txt")), "1"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("a.txt")), "1"));
     try {
         SendPlan::make(
             {dir.filePath(QStringLiteral("a.txt")), dir.filePath(QStringLiteral("gone"))});
@@ -352,9 +352,9 @@ void TestSendPlan::unreadableSubfolderAsAnotherUser()
     if (::geteuid() != 0)
         QSKIP("covered by the table row when not running as root");
     QTemporaryDir dir;
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/ok")), "1"));
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/locked/secret")), "2"));
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/open/fine")), "3"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/ok")), "1"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/locked/secret")), "2"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/open/fine")), "3"));
     for (const char *path : {"", "/F", "/F/open"})
         QCOMPARE(::chmod(QFile::encodeName(dir.path() + QLatin1String(path)).constData(), 0755), 0);
     QCOMPARE(::chmod(QFile::encodeName(dir.filePath(QStringLiteral("F/locked"))).constData(), 0),

@@ -19,6 +19,8 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <csignal>
+#include <sys/resource.h>
 #include <map>
 
 using namespace lofthaven;
@@ -302,6 +304,28 @@ private Q_SLOTS:
             message = failure.message();
         }
         QCOMPARE(message, error);
+        QCOMPARE(requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(), 1);
+    }
+
+    // No room for a spilled part (a file size limit stands in for a full disk): the upload
+    // fails with the system's word for it, and nothing is left behind or completed.
+    void fullDiskWhileSpilling()
+    {
+        const QString root = m_dir.path() + QStringLiteral("/full");
+        QVERIFY(writeFile(root + QStringLiteral("/Trip/a.bin"), randomBytes(3 * 4096)));
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit previous{};
+        getrlimit(RLIMIT_FSIZE, &previous);
+        rlimit small = previous;
+        small.rlim_cur = 1000;
+        setrlimit(RLIMIT_FSIZE, &small);
+        const Run run = upload({root + QStringLiteral("/Trip")}, 4096);
+        setrlimit(RLIMIT_FSIZE, &previous);
+        QVERIFY(!run.result);
+        QVERIFY2(run.error.contains(QStringLiteral("too large"), Qt::CaseInsensitive),
+                 qPrintable(run.error));
+        QVERIFY(!spillLeftovers(run));
+        QCOMPARE(requests(QStringLiteral("POST"), QStringLiteral("/complete")).size(), 0);
         QCOMPARE(requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(), 1);
     }
 

@@ -1,7 +1,7 @@
 #include "api/apperror.h"
 #include "send/sendplan.h"
 #include "send/zipstream.h"
-#include "testfiles.h"
+#include "testdata.h"
 
 #include <QProcess>
 #include <QTemporaryDir>
@@ -157,8 +157,8 @@ void TestZipStream::archiveReadsBack()
     QTemporaryDir dir;
     QHash<QString, QByteArray> contents;
     for (qsizetype i = 0; i < files.size(); ++i) {
-        const QByteArray bytes = testfiles::randomBytes(sizes.at(i), quint32(i + 7));
-        QVERIFY(testfiles::writeFile(dir.filePath(u"F/" + files.at(i)), bytes));
+        const QByteArray bytes = lofthaven::testing::randomBytes(sizes.at(i), quint32(i + 7));
+        QVERIFY(lofthaven::testing::writeFile(dir.filePath(u"F/" + files.at(i)), bytes));
         contents.insert(u"F/" + files.at(i), bytes);
     }
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
@@ -166,7 +166,7 @@ void TestZipStream::archiveReadsBack()
     const QByteArray archive = streamAll(stream);
     QCOMPARE(archive.size(), plan.size);
     const QString archivePath = dir.filePath(QStringLiteral("out.zip"));
-    QVERIFY(testfiles::writeFile(archivePath, archive));
+    QVERIFY(lofthaven::testing::writeFile(archivePath, archive));
 
     // Reader 1: Info-ZIP checks CRCs and data descriptors.
     QProcess unzip;
@@ -188,13 +188,13 @@ void TestZipStream::archiveReadsBack()
         expectedListing.append(item.name + u"|2056|0|" + QString::number(item.size));
     QCOMPARE(listing.split(u'\n', Qt::SkipEmptyParts), expectedListing);
     for (auto it = contents.cbegin(); it != contents.cend(); ++it)
-        QCOMPARE(testfiles::readFile(extracted + u'/' + it.key()), it.value());
+        QCOMPARE(lofthaven::testing::readFile(extracted + u'/' + it.key()), it.value());
 }
 
 void TestZipStream::layoutOfOneEntry()
 {
     QTemporaryDir dir;
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/bé")), "hello"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/bé")), "hello"));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
     ZipStream stream(plan.items);
     QList<qsizetype> sizes;
@@ -256,9 +256,9 @@ void TestZipStream::dataIsSlicedInMebibytes()
 {
     QTemporaryDir dir;
     QVERIFY(
-        testfiles::writeFile(dir.filePath(QStringLiteral("F/x")), testfiles::randomBytes(2500000)));
+        lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/x")), lofthaven::testing::randomBytes(2500000)));
     QVERIFY(
-        testfiles::writeFile(dir.filePath(QStringLiteral("F/y")), testfiles::randomBytes(1048576)));
+        lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/y")), lofthaven::testing::randomBytes(1048576)));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
     ZipStream stream(plan.items);
     QList<qsizetype> sizes;
@@ -270,7 +270,7 @@ void TestZipStream::dataIsSlicedInMebibytes()
 void TestZipStream::emptyFileHasNoDataChunk()
 {
     QTemporaryDir dir;
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("F/e")), {}));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/e")), {}));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
     ZipStream stream(plan.items);
     QList<qsizetype> sizes;
@@ -293,7 +293,7 @@ void TestZipStream::shrunkFileFails()
 {
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("Trip/Sub/bé ✓.bin"));
-    QVERIFY(testfiles::writeFile(path, testfiles::randomBytes(1500000)));
+    QVERIFY(lofthaven::testing::writeFile(path, lofthaven::testing::randomBytes(1500000)));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("Trip"))});
     QVERIFY(QFile::resize(path, 1048576 + 10));
     ZipStream stream(plan.items);
@@ -313,10 +313,10 @@ void TestZipStream::grownFileIsCutAtPlannedSize()
 {
     QTemporaryDir dir;
     const QString path = dir.filePath(QStringLiteral("F/grows"));
-    const QByteArray planned = testfiles::randomBytes(3000);
-    QVERIFY(testfiles::writeFile(path, planned));
+    const QByteArray planned = lofthaven::testing::randomBytes(3000);
+    QVERIFY(lofthaven::testing::writeFile(path, planned));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
-    QVERIFY(testfiles::writeFile(path, planned + QByteArray(5000, 'z')));
+    QVERIFY(lofthaven::testing::writeFile(path, planned + QByteArray(5000, 'z')));
     ZipStream stream(plan.items);
     const QByteArray archive = streamAll(stream);
     QCOMPARE(archive.size(), plan.size);
@@ -329,8 +329,8 @@ void TestZipStream::grownFileIsCutAtPlannedSize()
 void TestZipStream::vanishedFileFails()
 {
     QTemporaryDir dir;
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("Trip/a.txt")), "12345"));
-    QVERIFY(testfiles::writeFile(dir.filePath(QStringLiteral("Trip/b.txt")), "6"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("Trip/a.txt")), "12345"));
+    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("Trip/b.txt")), "6"));
     const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("Trip"))});
     QVERIFY(QFile::remove(dir.filePath(QStringLiteral("Trip/b.txt"))));
     ZipStream stream(plan.items);

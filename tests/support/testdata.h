@@ -8,14 +8,19 @@
 #include <QRandomGenerator>
 #include <QString>
 
+#include <optional>
+
 namespace lofthaven::testing {
 
-inline QByteArray randomBytes(qsizetype size)
+// Random bytes; with a seed, the same bytes every run.
+inline QByteArray randomBytes(qsizetype size, std::optional<quint32> seed = std::nullopt)
 {
+    QRandomGenerator seeded(seed.value_or(0));
+    QRandomGenerator *random = seed ? &seeded : QRandomGenerator::global();
     QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
+    random->fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
     for (qsizetype i = size / 4 * 4; i < size; ++i)
-        bytes[i] = char(QRandomGenerator::global()->bounded(256));
+        bytes[i] = char(random->bounded(256));
     return bytes;
 }
 
@@ -27,10 +32,19 @@ inline bool writeFile(const QString &path, const QByteArray &bytes)
            file.write(bytes) == bytes.size();
 }
 
+// A file that cannot be read compares unequal to any bytes, even to an empty buffer.
 inline QByteArray readFile(const QString &path)
 {
     QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
+}
+
+// A file of `size` bytes without writing them (a hole), for size limits.
+inline bool makeSparseFile(const QString &path, qint64 size)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.resize(size);
 }
 
 // Fetches a transfer's bytes with curl, an HTTP client independent of ours.
