@@ -10,7 +10,10 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QElapsedTimer>
 #include <QTest>
+
+#include <csignal>
 
 using namespace lofthaven::testing;
 
@@ -32,6 +35,15 @@ class TestCommandLine : public QObject
 
     LocalService m_service;
     QTemporaryDir m_dir;
+
+    QJsonArray requests(const QString &pathPart)
+    {
+        QJsonArray matching;
+        for (const QJsonValue &entry : m_service.log())
+            if (entry.toObject().value(QStringLiteral("path")).toString().contains(pathPart))
+                matching.append(entry);
+        return matching;
+    }
 
     Outcome lofthaven(const QStringList &arguments, const QByteArray &input = {},
                       int timeoutMs = 120000)
@@ -65,6 +77,8 @@ private Q_SLOTS:
         QVERIFY(m_dir.isValid());
         QVERIFY2(m_service.start(), qPrintable(m_service.error()));
     }
+
+    void init() { m_service.clearFaults(); }
 
     void usage_data()
     {
@@ -240,6 +254,37 @@ private Q_SLOTS:
         QCOMPARE(readFile(into + u'/' + saved), QByteArray("evil"));
         QCOMPARE(QDir(m_dir.path() + QStringLiteral("/hostile")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).size(),
                  QDir(m_dir.path() + QStringLiteral("/hostile")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+    }
+
+    // Ctrl-C during an upload: the created transfer is aborted and the run ends at once.
+    void interruptedSend()
+    {
+        const QString file = m_dir.path() + QStringLiteral("/interrupted.bin");
+        QVERIFY(writeFile(file, randomBytes(100000)));
+        m_service.addFault({{"method", "PUT"}, {"path", "/api/transfers/*/parts/*"},
+                            {"stallSeconds", 30}, {"count", 10}});
+        m_service.clearLog();
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("LOFTHAVEN_ORIGIN"), m_service.origin());
+        environment.insert(QStringLiteral("XDG_CACHE_HOME"), m_dir.path() + QStringLiteral("/cache"));
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral(LOFTHAVEN_BIN_DIR "/lofthaven"), {QStringLiteral("send"), file});
+        QVERIFY(process.waitForStarted());
+        // The log shows a request once it is answered: wait for the create, then give the
+        // stalled part uploads a moment to start.
+        QTRY_VERIFY_WITH_TIMEOUT(!requests(QStringLiteral("/api/transfers")).isEmpty(), 10000);
+        QTest::qWait(500);
+        QElapsedTimer clock;
+        clock.start();
+        ::kill(pid_t(process.processId()), SIGINT);
+        QVERIFY(process.waitForFinished(15000));
+        QVERIFY2(clock.elapsed() < 12000, "an interrupt must not wait for stalled parts");
+        QCOMPARE(process.exitCode(), 130);
+        QCOMPARE(QString::fromUtf8(process.readAllStandardError()).trimmed().split(u'\n').last(),
+                 "Cancelled.");
+        QCOMPARE(requests(QStringLiteral("/abort")).size(), 1);
+        m_service.clearFaults();
     }
 
     void onlineSelfTest()
