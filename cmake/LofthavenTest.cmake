@@ -7,6 +7,7 @@ function(lofthaven_add_test)
   add_executable(${target} ${T_SOURCES})
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   target_link_libraries(${target} PRIVATE Qt6::Test ${T_LIBS})
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
   target_compile_definitions(${target} PRIVATE
     LOFTHAVEN_BIN_DIR="${CMAKE_BINARY_DIR}/bin"
     LOFTHAVEN_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
