@@ -1205,12 +1205,20 @@ void HttpService::abort(Context &c)
         fail(403, "forbidden", "The owner token does not match this transfer.");
     if (Store::text((*row)[cState]) == "ready")
         fail(409, "already_complete", "This transfer is complete; delete it instead.");
+    discardTransfer(id);
+    sendJson(c.res, {{"ok", true}});
+}
+
+// Metadata first, in one transaction, then the bytes: a crash in between leaves only
+// unreferenced files, which the sweep removes.
+void HttpService::discardTransfer(const std::string &id)
+{
     m_store->transaction([&] {
         m_store->exec("DELETE FROM parts WHERE transfer_id = ?", {id});
+        m_store->exec("DELETE FROM unlock_tokens WHERE transfer_id = ?", {id});
         m_store->exec("DELETE FROM transfers WHERE id = ?", {id});
     });
     deleteTransferFiles(id);
-    sendJson(c.res, {{"ok", true}});
 }
 
 void HttpService::extend(Context &c)
@@ -1241,12 +1249,7 @@ void HttpService::remove(Context &c)
         fail(404, "not_found", "No transfer has this id.");
     if (!isOwner(c, *row))
         fail(403, "forbidden", "Only the sender can delete this transfer.");
-    m_store->transaction([&] {
-        m_store->exec("DELETE FROM parts WHERE transfer_id = ?", {id});
-        m_store->exec("DELETE FROM unlock_tokens WHERE transfer_id = ?", {id});
-        m_store->exec("DELETE FROM transfers WHERE id = ?", {id});
-    });
-    deleteTransferFiles(id);
+    discardTransfer(id);
     sendJson(c.res, {{"ok", true}});
 }
 

@@ -93,6 +93,7 @@ private:
     bool isOwner(Context &c, const Store::Row &row);
     std::string transferDir(const std::string &id) const;
     void deleteTransferFiles(const std::string &id);
+    void discardTransfer(const std::string &id);
     void decideDevice(const std::string &userCode, const std::string &email, bool approve);
     std::string deviceNote(const std::string &userCode);
     void sweep();
