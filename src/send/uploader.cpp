@@ -196,7 +196,7 @@ QCoro::Task<UploadResult> Uploader::uploadAndComplete(std::stop_token stop)
     } catch (...) {
     }
     for (auto &part : parts)
-        co_await std::move(part);
+        co_await part;
     if (group->failure)
         std::rethrow_exception(group->failure);
     if (stop.stop_requested())
@@ -232,7 +232,7 @@ QCoro::Task<void> Uploader::runPart(int partNumber, FileBody body, std::stop_tok
         group->etags.push_back(co_await upload);
         // The part is safely at the service; its spill file is no longer needed.
         if (spilled)
-            QtConcurrent::run([path = body.path] { QFile::remove(path); });
+            (void)QtConcurrent::run([path = body.path] { QFile::remove(path); });
     } catch (...) {
         group->fail(std::current_exception());
     }
