@@ -16,6 +16,16 @@
 #include <thread>
 #include <vector>
 
+// A handler that gives every request the same answer.
+inline std::function<void(const httplib::Request &, httplib::Response &)>
+reply(std::string body, int status = 200, std::string type = "application/json")
+{
+    return [=](const httplib::Request &, httplib::Response &response) {
+        response.status = status;
+        response.set_content(body, type);
+    };
+}
+
 class TestHttpServer
 {
 public:
@@ -77,11 +87,6 @@ public:
     {
         std::lock_guard lock(m_mutex);
         return m_seen;
-    }
-    size_t requestCount() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_seen.size();
     }
     // Distinct client ports = distinct TCP connections that carried a request.
     size_t connectionCount() const

@@ -1,5 +1,6 @@
+#include "testdata.h"
 #include "testhttpserver.h"
-#include "platform/waitfortask.h"
+#include "thrown.h"
 
 #include "api/apiclient.h"
 #include "api/apierror.h"
@@ -128,15 +129,14 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("token");
         QTest::addColumn<QString>("path");
-        QTest::newRow("no token") << QString() << "/dl/T1";
-        QTest::newRow("ampersand equals plus") << "a&b=c+d"
-                                               << "/dl/T1?t=a%26b%3Dc%2Bd";
-        QTest::newRow("query-safe kept") << "x/y?z:@!$'()*,;"
-                                         << "/dl/T1?t=x/y?z:@!$'()*,;";
-        QTest::newRow("space and percent") << "a b%"
-                                           << "/dl/T1?t=a%20b%25";
-        QTest::newRow("hash") << "a#b"
-                              << "/dl/T1?t=a%23b";
+        const auto row = [](const char *name, const char *token, const char *path) {
+            QTest::newRow(name) << QString(token) << QString(path);
+        };
+        row("no token", nullptr, "/dl/T1");
+        row("ampersand equals plus", "a&b=c+d", "/dl/T1?t=a%26b%3Dc%2Bd");
+        row("query-safe kept", "x/y?z:@!$'()*,;", "/dl/T1?t=x/y?z:@!$'()*,;");
+        row("space and percent", "a b%", "/dl/T1?t=a%20b%25");
+        row("hash", "a#b", "/dl/T1?t=a%23b");
     }
     void downloadPath()
     {
@@ -155,7 +155,7 @@ private Q_SLOTS:
         HttpRequest request = client.makeRequest(
             APIClient::downloadPath(QStringLiteral("t1"), QStringLiteral("a&b=c+d e")));
         request.headers.append(qMakePair(QByteArray("Range"), QByteArray("bytes=3-")));
-        const HttpResponse response = lofthaven::waitForTask(HttpTransport::instance().send(request));
+        const HttpResponse response = waitForTask(HttpTransport::instance().send(request));
         QCOMPARE(response.status, 200); // the fake service ignores ranges
         const auto seen = server.seen().at(0);
         QCOMPARE(seen.target, "/dl/t1?t=a%26b%3Dc%2Bd%20e");
@@ -167,22 +167,17 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("value");
         QTest::addColumn<QString>("origin"); // empty = refused
-        QTest::newRow("https") << "https://lofthaven.app"
-                               << "https://lofthaven.app";
-        QTest::newRow("https with port and slash") << "https://a.example:8443/"
-                                                   << "https://a.example:8443";
-        QTest::newRow("loopback http") << "http://127.0.0.1:8480"
-                                       << "http://127.0.0.1:8480";
-        QTest::newRow("localhost http") << "http://localhost:8480"
-                                        << "http://localhost:8480";
-        QTest::newRow("remote http refused") << "http://lofthaven.app"
-                                             << "";
-        QTest::newRow("path refused") << "https://lofthaven.app/api"
-                                      << "";
-        QTest::newRow("garbage refused") << "not a url"
-                                         << "";
-        QTest::newRow("ftp refused") << "ftp://127.0.0.1"
-                                     << "";
+        const auto row = [](const char *name, const char *value, const char *origin) {
+            QTest::newRow(name) << QString(value) << QString(origin);
+        };
+        row("https", "https://lofthaven.app", "https://lofthaven.app");
+        row("https with port and slash", "https://a.example:8443/", "https://a.example:8443");
+        row("loopback http", "http://127.0.0.1:8480", "http://127.0.0.1:8480");
+        row("localhost http", "http://localhost:8480", "http://localhost:8480");
+        row("remote http refused", "http://lofthaven.app", "");
+        row("path refused", "https://lofthaven.app/api", "");
+        row("garbage refused", "not a url", "");
+        row("ftp refused", "ftp://127.0.0.1", "");
     }
     void origin()
     {
@@ -216,30 +211,33 @@ private Q_SLOTS:
         ServiceOrigin::setUrl(server.origin());
         const APIClient client(QStringLiteral("tok"));
 
-        const MeResponse me = lofthaven::waitForTask(client.me());
+        const MeResponse me = waitForTask(client.me());
         QCOMPARE(me.limits->maxBytes, qint64(107374182400));
-        QCOMPARE(lofthaven::waitForTask(client.accountTransfers()).transfers.at(0).id, QStringLiteral("t1"));
-        QCOMPARE(lofthaven::waitForTask(client.inbox()).items.at(0).device.value(), QStringLiteral("Phone"));
+        QCOMPARE(waitForTask(client.accountTransfers()).transfers.at(0).id, QStringLiteral("t1"));
+        QCOMPARE(waitForTask(client.inbox()).items.at(0).device.value(), QStringLiteral("Phone"));
 
         const DeviceLoginStart start =
-            lofthaven::waitForTask(client.startDeviceLogin(QStringLiteral("Lofthaven for Mac (box)")));
+            waitForTask(client.startDeviceLogin(QStringLiteral("Lofthaven for Mac (box)")));
         QCOMPARE(start.userCode, QStringLiteral("ABCD-EFGH"));
         QCOMPARE(*start.interval, 2.0);
-        const DeviceLoginPoll pending = lofthaven::waitForTask(client.pollDeviceLogin(QStringLiteral("pending")));
+        const DeviceLoginPoll pending =
+            waitForTask(client.pollDeviceLogin(QStringLiteral("pending")));
         QCOMPARE(pending.status, 428);
         QCOMPARE(pending.token.error.value(), QStringLiteral("authorization_pending"));
-        const DeviceLoginPoll broken = lofthaven::waitForTask(client.pollDeviceLogin(QStringLiteral("broken")));
+        const DeviceLoginPoll broken =
+            waitForTask(client.pollDeviceLogin(QStringLiteral("broken")));
         QCOMPARE(broken.status, 500);
         QCOMPARE(broken.token, DeviceLoginToken());
-        const DeviceLoginPoll approved = lofthaven::waitForTask(client.pollDeviceLogin(QStringLiteral("dc")));
+        const DeviceLoginPoll approved = waitForTask(client.pollDeviceLogin(QStringLiteral("dc")));
         QCOMPARE(approved.token.token.value(), QStringLiteral("new-token"));
-        lofthaven::waitForTask(client.logout());
+        waitForTask(client.logout());
 
-        QCOMPARE(lofthaven::waitForTask(client.lookupCode(QStringLiteral("123456"))).id, QStringLiteral("t1"));
-        const TransferMeta meta = lofthaven::waitForTask(client.transfer(QStringLiteral("t1")));
+        QCOMPARE(waitForTask(client.lookupCode(QStringLiteral("123456"))).id, QStringLiteral("t1"));
+        const TransferMeta meta = waitForTask(client.transfer(QStringLiteral("t1")));
         QCOMPARE(meta.size, qint64(5000000000));
-        QCOMPARE(lofthaven::waitForTask(client.unlock(QStringLiteral("t1"), QStringLiteral("open sesame"))).token,
-                 QStringLiteral("unl&ck=+"));
+        QCOMPARE(
+            waitForTask(client.unlock(QStringLiteral("t1"), QStringLiteral("open sesame"))).token,
+            QStringLiteral("unl&ck=+"));
 
         CreateTransferBody body;
         body.name = QStringLiteral("a.txt");
@@ -248,30 +246,30 @@ private Q_SLOTS:
         body.expiresIn = 3600;
         body.partSize = 16777216;
         body.source = QStringLiteral("desktop");
-        const CreatedTransfer created = lofthaven::waitForTask(client.createTransfer(body));
+        const CreatedTransfer created = waitForTask(client.createTransfer(body));
         QCOMPARE(created.ownerToken, QStringLiteral("own"));
 
         QTemporaryDir dir;
-        QFile file(dir.filePath(QStringLiteral("a.txt")));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("hello world");
-        file.close();
+        const QString path = dir.filePath(QStringLiteral("a.txt"));
+        QVERIFY(testing::writeFile(path, "hello world"));
         qint64 sent = 0;
-        const PartResponse part = lofthaven::waitForTask(client.uploadPart(created.id, created.ownerToken, 1,
-                                                            FileBody{file.fileName(), 0, 11},
-                                                            [&](qint64 bytes) { sent = bytes; }));
+        const PartResponse part =
+            waitForTask(client.uploadPart(created.id, created.ownerToken, 1, FileBody{path, 0, 11},
+                                          [&](qint64 bytes) { sent = bytes; }));
         QCOMPARE(part.etag, QStringLiteral("etag-11"));
         QCOMPARE(sent, qint64(11));
 
-        const CompletedTransfer completed = lofthaven::waitForTask(client.completeTransfer(
+        const CompletedTransfer completed = waitForTask(client.completeTransfer(
             created.id, created.ownerToken, CompleteBody{{{1, part.etag}}}));
         QCOMPARE(completed.size.value(), qint64(11));
-        lofthaven::waitForTask(client.abortTransfer(created.id, created.ownerToken)); // 410 is ignored
-        QCOMPARE(lofthaven::waitForTask(client.extendTransfer(created.id, created.ownerToken)).expiresAt, 99.0);
-        QCOMPARE(lofthaven::waitForTask(client.deleteTransfer(created.id, std::nullopt)).ok, std::optional(true));
-        QCOMPARE(lofthaven::waitForTask(client.deleteTransfer(QStringLiteral("t8"), QStringLiteral("o"))).ok,
+        waitForTask(client.abortTransfer(created.id, created.ownerToken)); // 410 is ignored
+        QCOMPARE(waitForTask(client.extendTransfer(created.id, created.ownerToken)).expiresAt,
+                 99.0);
+        QCOMPARE(waitForTask(client.deleteTransfer(created.id, std::nullopt)).ok,
+                 std::optional(true));
+        QCOMPARE(waitForTask(client.deleteTransfer(QStringLiteral("t8"), QStringLiteral("o"))).ok,
                  std::optional(false));
-        QCOMPARE(lofthaven::waitForTask(client.updateInfo()).version, QStringLiteral("2.0"));
+        QCOMPARE(waitForTask(client.updateInfo()).version, QStringLiteral("2.0"));
 
         // What went over the wire.
         const auto seen = server.seen();
@@ -314,22 +312,18 @@ private Q_SLOTS:
         TestHttpServer server(fakeService);
         ServiceOrigin::setUrl(server.origin());
         const APIClient client;
-        try {
-            lofthaven::waitForTask(client.lookupCode(QStringLiteral("000000")));
-            QFAIL("404 must throw");
-        } catch (const APIError &error) {
-            QCOMPARE(error.status(), 404);
-            QCOMPARE(error.description(), QStringLiteral("No transfer has that code."));
-        }
-        try {
-            lofthaven::waitForTask(client.unlock(QStringLiteral("t1"), QStringLiteral("wrong")));
-            QFAIL("403 must throw");
-        } catch (const APIError &error) {
-            QCOMPARE(error.code(), QStringLiteral("bad_password"));
-            QCOMPARE(error.description(), QStringLiteral("Wrong password."));
-        }
+        const auto missing = thrown<APIError>(client.lookupCode(QStringLiteral("000000")));
+        QVERIFY2(missing, "404 must throw");
+        QCOMPARE(missing->status(), 404);
+        QCOMPARE(missing->description(), QStringLiteral("No transfer has that code."));
+        const auto locked =
+            thrown<APIError>(client.unlock(QStringLiteral("t1"), QStringLiteral("wrong")));
+        QVERIFY2(locked, "403 must throw");
+        QCOMPARE(locked->code(), QStringLiteral("bad_password"));
+        QCOMPARE(locked->description(), QStringLiteral("Wrong password."));
         // An empty 2xx body is fine only where an acknowledgement is expected.
-        QVERIFY_THROWS_EXCEPTION(DecodeError, lofthaven::waitForTask(client.transfer(QStringLiteral("notjson"))));
+        QVERIFY_THROWS_EXCEPTION(DecodeError,
+                                 waitForTask(client.transfer(QStringLiteral("notjson"))));
         QVERIFY(!server.seen().at(0).has("Authorization"));
     }
 };

@@ -21,57 +21,47 @@ private Q_SLOTS:
         QTest::addColumn<int>("status");
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<QString>("text");
-        QTest::newRow("401 ignores message")
-            << 401 << QByteArray(R"({"error":"bad_token","message":"Token revoked by admin"})")
-            << "Your sign-in expired or was revoked. Sign in again.";
-        QTest::newRow("401 no body")
-            << 401 << QByteArray() << "Your sign-in expired or was revoked. Sign in again.";
-        QTest::newRow("404 keeps message")
-            << 404 << QByteArray(R"({"error":"not_found","message":"No transfer with that code."})")
-            << "No transfer with that code.";
-        QTest::newRow("404 other code keeps message")
-            << 404 << QByteArray(R"({"error":"whatever","message":"Gone fishing."})")
-            << "Gone fishing.";
-        QTest::newRow("404 empty message")
-            << 404 << QByteArray(R"({"error":"not_found"})") << "Not found.";
-        QTest::newRow("410 limit reached ignores message")
-            << 410 << QByteArray(R"({"error":"limit_reached","message":"Too popular"})")
-            << "This transfer reached its download limit.";
-        QTest::newRow("410 other code never shows message")
-            << 410 << QByteArray(R"({"error":"expired","message":"It is gone"})")
-            << "This transfer has expired.";
-        QTest::newRow("410 no body") << 410 << QByteArray() << "This transfer has expired.";
-        QTest::newRow("413 with 2 GiB limit")
-            << 413 << QByteArray(R"({"error":"too_large","limit":2147483648})")
-            << "Too large: the limit is 2 GB per transfer.";
-        QTest::newRow("413 with 500 MiB limit")
-            << 413 << QByteArray(R"({"error":"too_large","limit":524288000,"message":"x"})")
-            << "Too large: the limit is 500 MB per transfer.";
-        QTest::newRow("413 without limit")
-            << 413 << QByteArray(R"({"error":"too_large","message":"Nope"})")
-            << "Too large for your plan.";
-        QTest::newRow("429 quota with message")
-            << 429 << QByteArray(R"({"error":"quota","message":"You sent 10 GB today."})")
-            << "You sent 10 GB today.";
-        QTest::newRow("429 quota without message")
-            << 429 << QByteArray(R"({"error":"quota"})") << "Daily limit reached.";
-        QTest::newRow("429 other code")
-            << 429 << QByteArray(R"({"error":"rate","message":"slow down"})")
-            << "Too many requests. Wait a minute, then try again.";
-        QTest::newRow("429 no body")
-            << 429 << QByteArray() << "Too many requests. Wait a minute, then try again.";
-        QTest::newRow("403 falls through with message")
-            << 403 << QByteArray(R"({"error":"forbidden","message":"Wrong owner token."})")
-            << "Wrong owner token.";
-        QTest::newRow("403 falls through without message")
-            << 403 << QByteArray(R"({"error":"forbidden"})") << "Request failed (HTTP 403).";
-        QTest::newRow("502 html") << 502 << QByteArray("<html><body>Bad gateway</body></html>")
-                                  << "Request failed (HTTP 502).";
-        QTest::newRow("500 with message")
-            << 500 << QByteArray(R"({"message":"Database is down."})") << "Database is down.";
-        QTest::newRow("302 empty") << 302 << QByteArray() << "Request failed (HTTP 302).";
-        QTest::newRow("json array body")
-            << 500 << QByteArray("[1,2]") << "Request failed (HTTP 500).";
+        const QString revoked =
+            QStringLiteral("Your sign-in expired or was revoked. Sign in again.");
+        const QString expired = QStringLiteral("This transfer has expired.");
+        const QString tooMany = QStringLiteral("Too many requests. Wait a minute, then try again.");
+        const auto row = [](const char *name, int status, const QByteArray &body,
+                            const QString &text) { QTest::newRow(name) << status << body << text; };
+        row("401 ignores message", 401,
+            R"({"error":"bad_token","message":"Token revoked by admin"})", revoked);
+        row("401 no body", 401, {}, revoked);
+        row("404 keeps message", 404,
+            R"({"error":"not_found","message":"No transfer with that code."})",
+            "No transfer with that code.");
+        row("404 other code keeps message", 404,
+            R"({"error":"whatever","message":"Gone fishing."})", "Gone fishing.");
+        row("404 empty message", 404, R"({"error":"not_found"})", "Not found.");
+        row("410 limit reached ignores message", 410,
+            R"({"error":"limit_reached","message":"Too popular"})",
+            "This transfer reached its download limit.");
+        row("410 other code never shows message", 410,
+            R"({"error":"expired","message":"It is gone"})", expired);
+        row("410 no body", 410, {}, expired);
+        row("413 with 2 GiB limit", 413, R"({"error":"too_large","limit":2147483648})",
+            "Too large: the limit is 2 GB per transfer.");
+        row("413 with 500 MiB limit", 413,
+            R"({"error":"too_large","limit":524288000,"message":"x"})",
+            "Too large: the limit is 500 MB per transfer.");
+        row("413 without limit", 413, R"({"error":"too_large","message":"Nope"})",
+            "Too large for your plan.");
+        row("429 quota with message", 429, R"({"error":"quota","message":"You sent 10 GB today."})",
+            "You sent 10 GB today.");
+        row("429 quota without message", 429, R"({"error":"quota"})", "Daily limit reached.");
+        row("429 other code", 429, R"({"error":"rate","message":"slow down"})", tooMany);
+        row("429 no body", 429, {}, tooMany);
+        row("403 falls through with message", 403,
+            R"({"error":"forbidden","message":"Wrong owner token."})", "Wrong owner token.");
+        row("403 falls through without message", 403, R"({"error":"forbidden"})",
+            "Request failed (HTTP 403).");
+        row("502 html", 502, "<html><body>Bad gateway</body></html>", "Request failed (HTTP 502).");
+        row("500 with message", 500, R"({"message":"Database is down."})", "Database is down.");
+        row("302 empty", 302, {}, "Request failed (HTTP 302).");
+        row("json array body", 500, "[1,2]", "Request failed (HTTP 500).");
     }
     void description()
     {
@@ -92,17 +82,14 @@ private Q_SLOTS:
         QTest::addColumn<QString>("message");
         QTest::addColumn<qint64>("limit"); // -1 = absent
         QTest::newRow("html gives no fields")
-            << 502 << QByteArray("<html>oops</html>") << "http_502"
-            << "" << qint64(-1);
-        QTest::newRow("empty body") << 404 << QByteArray() << "http_404"
-                                    << "" << qint64(-1);
+            << 502 << QByteArray("<html>oops</html>") << "http_502" << QString() << qint64(-1);
+        QTest::newRow("empty body") << 404 << QByteArray() << "http_404" << QString() << qint64(-1);
         QTest::newRow("all fields")
             << 413 << QByteArray(R"({"error":"too_large","message":"m","limit":9007199254740993})")
-            << "too_large"
-            << "m" << qint64(9007199254740993);
+            << "too_large" << QString("m") << qint64(9007199254740993);
         QTest::newRow("wrongly typed body counts as none")
-            << 400 << QByteArray(R"({"error":12,"message":"m"})") << "http_400"
-            << "" << qint64(-1);
+            << 400 << QByteArray(R"({"error":12,"message":"m"})") << "http_400" << QString()
+            << qint64(-1);
     }
     void fields()
     {

@@ -1,4 +1,5 @@
 """Shared helpers: start lofthaven-service on a free loopback port and talk to it with curl."""
+import dataclasses
 import json
 import os
 import shutil
@@ -7,11 +8,19 @@ import subprocess
 import tempfile
 
 
+def read(path):
+    """The file's bytes; none when curl wrote no file (nothing arrived)."""
+    if not os.path.exists(path):
+        return b""
+    with open(path, "rb") as f:
+        return f.read()
+
+
+@dataclasses.dataclass
 class Answer:
-    def __init__(self, status, headers, body):
-        self.status = status
-        self.headers = headers
-        self.body = body
+    status: int
+    headers: dict  # lower-case names
+    body: bytes
 
     def json(self):
         return json.loads(self.body.decode())
@@ -21,14 +30,13 @@ class Answer:
 
 
 class Service:
-    """One service process with its own data folder (kept across restart())."""
+    """One service process with its own data folder (kept across restart_after_kill())."""
 
     def __init__(self, binary, *extra, data=None):
         self.binary = binary
         self.extra = list(extra)
         self.data = data or tempfile.mkdtemp(prefix="lh-service-")
         self.proc = None
-        self.origin = None
         self.start()
 
     def start(self):
@@ -42,10 +50,6 @@ class Service:
             raise RuntimeError("no ready line, got %r" % line)
         self.origin = line[len(prefix):]
 
-    def kill(self):
-        self.proc.send_signal(signal.SIGKILL)
-        self.proc.wait()
-
     def stop(self):
         if self.proc and self.proc.poll() is None:
             self.proc.send_signal(signal.SIGTERM)
@@ -53,44 +57,35 @@ class Service:
         return self.proc.returncode
 
     def restart_after_kill(self):
-        self.kill()
+        self.proc.send_signal(signal.SIGKILL)
+        self.proc.wait()
         self.start()
 
     def close(self):
         self.stop()
         shutil.rmtree(self.data, ignore_errors=True)
 
-    def curl(self, method, path, body=None, headers=None, data_file=None, extra=None, timeout=30):
-        """Runs curl; returns Answer. body: dict (sent as JSON), bytes or str."""
-        out = tempfile.NamedTemporaryFile(delete=False)
-        hdr = tempfile.NamedTemporaryFile(delete=False)
-        out.close()
-        hdr.close()
-        cmd = ["curl", "-sS", "-X", method, "-o", out.name, "-D", hdr.name, "-w", "%{http_code}",
-               "--max-time", str(timeout)]
-        stdin = None
-        if isinstance(body, dict) or isinstance(body, list):
-            stdin = json.dumps(body).encode()
-            cmd += ["-H", "Content-Type: application/json", "--data-binary", "@-"]
-        elif isinstance(body, (bytes, str)):
-            stdin = body.encode() if isinstance(body, str) else body
-            cmd += ["-H", "Content-Type: application/octet-stream", "--data-binary", "@-"]
-        elif data_file:
-            cmd += ["-H", "Content-Type: application/octet-stream", "-T", data_file]
-        for k, v in (headers or {}).items():
-            cmd += ["-H", "%s: %s" % (k, v)]
-        cmd += extra or []
-        cmd.append(self.origin + path)
-        run = subprocess.run(cmd, input=stdin, capture_output=True, timeout=timeout + 5)
-        status = int(run.stdout.decode() or "0")
-        headers_out = {}
-        with open(hdr.name, "rb") as f:
-            for line in f.read().decode("latin-1").split("\r\n"):
+    def curl(self, method, path, body=None, headers=None, timeout=30):
+        """Runs curl; returns Answer. body: dict or list (sent as JSON), bytes or str."""
+        with tempfile.TemporaryDirectory() as tmp:
+            out, head = os.path.join(tmp, "body"), os.path.join(tmp, "head")
+            cmd = ["curl", "-sS", "-X", method, "-o", out, "-D", head, "-w", "%{http_code}",
+                   "--max-time", str(timeout)]
+            if isinstance(body, (dict, list)):
+                body = json.dumps(body)
+                cmd += ["-H", "Content-Type: application/json"]
+            elif body is not None:
+                cmd += ["-H", "Content-Type: application/octet-stream"]
+            if body is not None:
+                body = body.encode() if isinstance(body, str) else body
+                cmd += ["--data-binary", "@-"]
+            for name, value in (headers or {}).items():
+                cmd += ["-H", "%s: %s" % (name, value)]
+            cmd.append(self.origin + path)
+            run = subprocess.run(cmd, input=body, capture_output=True, timeout=timeout + 5)
+            received = {}
+            for line in read(head).decode("latin-1").split("\r\n"):
                 if ":" in line:
-                    k, v = line.split(":", 1)
-                    headers_out[k.strip().lower()] = v.strip()
-        with open(out.name, "rb") as f:
-            data = f.read()
-        os.unlink(out.name)
-        os.unlink(hdr.name)
-        return Answer(status, headers_out, data)
+                    name, value = line.split(":", 1)
+                    received[name.strip().lower()] = value.strip()
+            return Answer(int(run.stdout.decode() or "0"), received, read(out))
