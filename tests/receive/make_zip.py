@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes one test archive for tst_unzipinplace: make_zip.py CASE OUTPUT.zip
+"""Writes one test archive for tst_unzipinplace: make_zip.py CASE OUTPUT.zip [ABSOLUTE-PATH]
 
 Hostile archives are built with zipfile and, where zipfile refuses, by patching bytes."""
 import stat
@@ -36,80 +36,67 @@ def patch_name(path, old, new):
     open(path, "wb").write(raw.replace(old, new))
 
 
-def nested_payload():
-    return [
-        ("Photos/", None),
-        ("Photos/2024/", None),
-        ("Photos/2024/beach.jpg", bytes(range(256)) * 40),
-        ("Photos/readme.txt", b"hello\n"),
-        ("Photos/empty.bin", b""),
-        ("notes.md", b"# Notes\n" * 100),
-    ]
+NESTED = [
+    ("Photos/", None),
+    ("Photos/2024/", None),
+    ("Photos/2024/beach.jpg", bytes(range(256)) * 40),
+    ("Photos/readme.txt", b"hello\n"),
+    ("Photos/empty.bin", b""),
+    ("notes.md", b"# Notes\n" * 100),
+]
+
+LINK = stat.S_IFLNK | 0o777
+
+# Stored archives written as listed.
+STORED = {
+    "stored": [("a.txt", b"stored bytes\n"), ("sub/b.txt", b"more\n")],
+    "doubled": [("Trip/", None), ("Trip/day1.txt", b"sunny\n"),  # Trip.zip -> Trip/...
+                ("Trip/maps/", None), ("Trip/maps/route.gpx", b"<gpx/>\n")],
+    "notdoubled": [("Other/", None), ("Other/x.txt", b"x\n")],
+    "unicode": [("bé ✓.bin", b"\x00\x01\x02unicode"), ("dossier été/ü.txt", b"u\n")],
+    "macos": [("Trip/", None), ("Trip/a.txt", b"a\n"), ("__MACOSX/", None),
+              ("__MACOSX/Trip/._a.txt", b"\x00\x05\x16\x07junk"),
+              ("Trip/._a.txt", b"\x00\x05\x16\x07junk")],
+    "traversal": [("ok.txt", b"ok\n"), ("../x", b"escaped\n")],
+    "traversal-inner": [("a/", None), ("a/../../x", b"escaped\n")],
+    "dotdir": [("a/./b.txt", b"dot\n")],
+    "symlink-out": [("ok.txt", b"ok\n"), (entry("link", LINK), b"../outside")],
+    "symlink-abs": [(entry("link", LINK), b"/etc")],
+    "symlink-through": [(entry("dir", LINK), b".."), ("dir/through.txt", b"escaped\n")],
+    "fifo": [("ok.txt", b"ok\n"), (entry("pipe", stat.S_IFIFO | 0o644), b"")],
+    "device": [(entry("tty", stat.S_IFCHR | 0o666), b"")],
+    "socket": [(entry("sock", stat.S_IFSOCK | 0o644), b"")],
+    "duplicate": [("same.txt", b"first\n"), ("same.txt", b"second, hostile\n")],
+    "file-then-folder": [("thing", b"file\n"), ("thing/inner.txt", b"inner\n")],
+    "setuid": [(entry("tool", stat.S_IFREG | 0o6777), b"#!/bin/sh\n"),
+               (entry("shared/", stat.S_IFDIR | 0o1777, is_dir=True), None)],
+    "long-name": [("n" * 300 + ".txt", b"long\n")],
+}
 
 
 def main():
     case, out = sys.argv[1], sys.argv[2]
-    if case == "nested":
-        write(out, nested_payload(), zipfile.ZIP_DEFLATED)
-    elif case == "stored":
-        write(out, [("a.txt", b"stored bytes\n"), ("sub/b.txt", b"more\n")])
-    elif case == "doubled":  # Trip.zip -> Trip/...
-        write(out, [("Trip/", None), ("Trip/day1.txt", b"sunny\n"),
-                    ("Trip/maps/", None), ("Trip/maps/route.gpx", b"<gpx/>\n")])
-    elif case == "notdoubled":
-        write(out, [("Other/", None), ("Other/x.txt", b"x\n")])
-    elif case == "unicode":
-        write(out, [("bé ✓.bin", b"\x00\x01\x02unicode"), ("dossier été/ü.txt", b"u\n")])
-    elif case == "macos":
-        write(out, [("Trip/", None), ("Trip/a.txt", b"a\n"), ("__MACOSX/", None),
-                    ("__MACOSX/Trip/._a.txt", b"\x00\x05\x16\x07junk"),
-                    ("Trip/._a.txt", b"\x00\x05\x16\x07junk")])
-    elif case == "traversal":
-        write(out, [("ok.txt", b"ok\n"), ("../x", b"escaped\n")])
-    elif case == "traversal-inner":
-        write(out, [("a/", None), ("a/../../x", b"escaped\n")])
-    elif case == "absolute":
-        target = sys.argv[3].encode()  # an absolute path the test watches
-        write(out, [("ok.txt", b"ok\n"), ("X" * len(target), b"escaped\n")])
-        patch_name(out, b"X" * len(target), target)
-    elif case == "dotdir":
-        write(out, [("a/./b.txt", b"dot\n")])
-    elif case == "symlink-out":
-        write(out, [("ok.txt", b"ok\n"),
-                    (entry("link", stat.S_IFLNK | 0o777), b"../outside")])
-    elif case == "symlink-abs":
-        write(out, [(entry("link", stat.S_IFLNK | 0o777), b"/etc")])
-    elif case == "symlink-through":
-        write(out, [(entry("dir", stat.S_IFLNK | 0o777), b".."),
-                    ("dir/through.txt", b"escaped\n")])
-    elif case == "fifo":
-        write(out, [("ok.txt", b"ok\n"), (entry("pipe", stat.S_IFIFO | 0o644), b"")])
-    elif case == "device":
-        write(out, [(entry("tty", stat.S_IFCHR | 0o666), b"")])
-    elif case == "duplicate":
-        write(out, [("same.txt", b"first\n"), ("same.txt", b"second, hostile\n")])
-    elif case == "file-then-folder":
-        write(out, [("thing", b"file\n"), ("thing/inner.txt", b"inner\n")])
-    elif case == "setuid":
-        write(out, [(entry("tool", stat.S_IFREG | 0o6777), b"#!/bin/sh\n"),
-                    (entry("shared/", stat.S_IFDIR | 0o1777, is_dir=True), None)])
+    if case in STORED:
+        write(out, STORED[case])
+    elif case == "nested":
+        write(out, NESTED, zipfile.ZIP_DEFLATED)
     elif case == "bomb":
         write(out, [("zeros.bin", bytes(8 * 1024 * 1024))], zipfile.ZIP_DEFLATED)
     elif case == "bomb-many":  # each entry small, the sum over budget
         write(out, [(f"part{i}.bin", bytes(256 * 1024)) for i in range(16)],
               zipfile.ZIP_DEFLATED)
+    elif case == "absolute":
+        target = sys.argv[3].encode()  # an absolute path the test watches
+        write(out, [("ok.txt", b"ok\n"), ("X" * len(target), b"escaped\n")])
+        patch_name(out, b"X" * len(target), target)
     elif case == "nul-name":
         write(out, [("nulXhidden.txt", b"hidden\n")])
         patch_name(out, b"nulXhidden.txt", b"nul\x00hidden.txt")
-    elif case == "socket":
-        write(out, [(entry("sock", stat.S_IFSOCK | 0o644), b"")])
-    elif case == "long-name":
-        write(out, [("n" * 300 + ".txt", b"long\n")])
     elif case == "not-a-zip":
         with open(out, "wb") as f:
             f.write(b"this is not an archive at all\n" * 10)
     elif case == "truncated":
-        write(out, nested_payload())
+        write(out, NESTED)
         raw = open(out, "rb").read()
         open(out, "wb").write(raw[: len(raw) // 2])
     else:

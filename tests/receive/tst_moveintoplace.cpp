@@ -1,10 +1,10 @@
 #include "api/apperror.h"
 #include "receive/moveintoplace.h"
 #include "receive/nooverwrite.h"
+#include "testdata.h"
 
 #include <QDir>
 #include <QFile>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QtConcurrent>
@@ -14,29 +14,10 @@
 #include <unistd.h>
 
 using namespace lofthaven;
+using namespace lofthaven::testing;
 using namespace Qt::StringLiterals;
 
 namespace {
-
-QByteArray randomBytes(qsizetype size)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (char &c : bytes)
-        c = char(QRandomGenerator::global()->bounded(256));
-    return bytes;
-}
-
-bool writeFile(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
-}
 
 QStringList entries(const QString &folder)
 {
@@ -50,6 +31,17 @@ dev_t deviceOf(const QString &path)
     return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_dev : dev_t(-1);
 }
 
+// The message of the AppError that moving `partial` throws.
+QString refusal(const QString &partial, const QString &folder)
+{
+    try {
+        moveIntoPlace(partial, u"x.txt"_s, folder);
+    } catch (const AppError &error) {
+        return error.message();
+    }
+    return u"<moved>"_s;
+}
+
 } // namespace
 
 class TestMoveIntoPlace : public QObject
@@ -59,156 +51,103 @@ class TestMoveIntoPlace : public QObject
 private Q_SLOTS:
     void moves_data();
     void moves();
-    void acrossFileSystems_data();
-    void acrossFileSystems();
     void failures();
     void renameNoReplaceRefusesExisting();
     void createsMissingFolder();
     void concurrentMovesNeverOverwrite();
-
-private:
-    void addRows();
-    void check(const QString &partialFolder);
 };
 
-void TestMoveIntoPlace::addRows()
+// Every row once with the partial file next to the destination and once with it on tmpfs, where
+// the bytes have to be copied across file systems. Which names are safe and free is left to
+// tst_filenames; these rows prove the name is made safe first, then free.
+void TestMoveIntoPlace::moves_data()
 {
+    QTest::addColumn<bool>("acrossFileSystems");
     QTest::addColumn<QStringList>("existing");
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("expected");
 
-    QTest::newRow("free name") << QStringList{} << u"photo.jpg"_s << u"photo.jpg"_s;
-    QTest::newRow("collision") << QStringList{u"a_b_c.txt"_s} << u"a/b:c.txt"_s
-                               << u"a_b_c (2).txt"_s;
-    QTest::newRow("second collision")
-        << QStringList{u"a_b_c.txt"_s, u"a_b_c (2).txt"_s} << u"a/b:c.txt"_s << u"a_b_c (3).txt"_s;
-    QTest::newRow("no extension") << QStringList{u"Notes"_s} << u"Notes"_s << u"Notes (2)"_s;
-    QTest::newRow("folder in the way")
-        << QStringList{u"Trip.zip/"_s} << u"Trip.zip"_s << u"Trip (2).zip"_s;
-    QTest::newRow("traversal") << QStringList{} << u"../x"_s << u"_._x"_s;
-    QTest::newRow("absolute") << QStringList{} << u"/abs"_s << u"_abs"_s;
-    QTest::newRow("NUL") << QStringList{} << QString(u"a"_s + QChar(0) + u"b"_s) << u"ab"_s;
-    QTest::newRow("300 bytes") << QStringList{} << QString(300, u'n') << QString(200, u'n');
-    QTest::newRow("only spaces") << QStringList{} << u"   "_s << u"download"_s;
-    QTest::newRow("only spaces twice")
-        << QStringList{u"download"_s} << u"   "_s << u"download (2)"_s;
-    QTest::newRow(".profile") << QStringList{u".profile"_s} << u".profile"_s << u"_profile"_s;
+    for (const bool across : {false, true}) {
+        auto row = [across](const char *tag, const QStringList &existing, const QString &name,
+                            const QString &expected) {
+            QTest::addRow("%s%s", across ? "across: " : "", tag)
+                << across << existing << name << expected;
+        };
+        row("free name", {}, u"photo.jpg"_s, u"photo.jpg"_s);
+        row("collision", {u"a_b_c.txt"_s}, u"a/b:c.txt"_s, u"a_b_c (2).txt"_s);
+        row("traversal", {}, u"../x"_s, u"_._x"_s);
+        row("only spaces twice", {u"download"_s}, u"   "_s, u"download (2)"_s);
+    }
 }
 
 // Moves a partial file with random bytes and checks: the bytes arrive under the expected name
 // directly inside the folder, nothing existing changed, the partial file is gone and no
 // temporary file is left.
-void TestMoveIntoPlace::check(const QString &partialFolder)
+void TestMoveIntoPlace::moves()
 {
+    QFETCH(bool, acrossFileSystems);
     QFETCH(QStringList, existing);
     QFETCH(QString, name);
     QFETCH(QString, expected);
 
     QTemporaryDir root;
+    QTemporaryDir partials(acrossFileSystems ? u"/dev/shm/lofthaven-test-XXXXXX"_s
+                                             : QDir::tempPath() + u"/lofthaven-test-XXXXXX"_s);
     QVERIFY(root.isValid());
-    const QString folder = QDir(root.path()).filePath(u"Downloads"_s);
-    QVERIFY(QDir().mkpath(folder));
-    QStringList before;
-    for (const QString &entry : existing) {
-        if (entry.endsWith(u'/')) {
-            QVERIFY(QDir(folder).mkdir(entry.chopped(1)));
-            before << entry.chopped(1);
-        } else {
-            QVERIFY(writeFile(QDir(folder).filePath(entry), "existing " + entry.toUtf8()));
-            before << entry;
-        }
-    }
-
-    const QString partial = QDir(partialFolder).filePath(u"transfer.part"_s);
+    const bool sameDevice = deviceOf(partials.path()) == deviceOf(root.path());
+    if (acrossFileSystems && (!partials.isValid() || sameDevice))
+        QSKIP("/dev/shm and the temporary folder are on the same file system");
+    QVERIFY(partials.isValid());
+    const QDir folder(root.filePath(u"Downloads"_s));
+    QVERIFY(folder.mkpath(u"."_s));
+    for (const QString &entry : existing)
+        QVERIFY(writeFile(folder.filePath(entry), "existing " + entry.toUtf8()));
+    const QString partial = partials.filePath(u"transfer.part"_s);
     const QByteArray bytes = randomBytes(300 * 1024 + 7);
     QVERIFY(writeFile(partial, bytes));
 
-    const QString result = moveIntoPlace(partial, name, folder);
+    const QString result = moveIntoPlace(partial, name, folder.path());
 
-    QCOMPARE(result, QDir(folder).filePath(expected));
+    QCOMPARE(result, folder.filePath(expected));
     QCOMPARE(readFile(result), bytes);
-    QVERIFY(!QFile::exists(partial));
-    for (const QString &entry : existing) {
-        if (!entry.endsWith(u'/'))
-            QCOMPARE(readFile(QDir(folder).filePath(entry)), "existing " + entry.toUtf8());
-    }
-    QStringList after = before;
-    after << expected;
+    QCOMPARE(entries(partials.path()), QStringList{});
+    for (const QString &entry : existing)
+        QCOMPARE(readFile(folder.filePath(entry)), "existing " + entry.toUtf8());
+    QStringList after = existing + QStringList{expected};
     after.sort();
-    QCOMPARE(entries(folder), after);
+    QCOMPARE(entries(folder.path()), after);
     QCOMPARE(entries(root.path()), QStringList{u"Downloads"_s});
-}
-
-void TestMoveIntoPlace::moves_data()
-{
-    addRows();
-}
-
-void TestMoveIntoPlace::moves()
-{
-    QTemporaryDir temp;
-    QVERIFY(temp.isValid());
-    check(temp.path());
-}
-
-void TestMoveIntoPlace::acrossFileSystems_data()
-{
-    addRows();
-}
-
-void TestMoveIntoPlace::acrossFileSystems()
-{
-    // The partial file lives on tmpfs, the destination on /tmp's file system.
-    QTemporaryDir shm(u"/dev/shm/lofthaven-test-XXXXXX"_s);
-    QTemporaryDir probe;
-    if (!shm.isValid() || deviceOf(shm.path()) == deviceOf(probe.path()))
-        QSKIP("/dev/shm and the temporary folder are on the same file system");
-    check(shm.path());
-    QCOMPARE(entries(shm.path()), QStringList{});
 }
 
 void TestMoveIntoPlace::failures()
 {
     QTemporaryDir root;
     QVERIFY(root.isValid());
-    const QDir dir(root.path());
 
     // A missing partial file.
-    try {
-        moveIntoPlace(dir.filePath(u"missing.part"_s), u"x.txt"_s, dir.filePath(u"out"_s));
-        QFAIL("no error for a missing partial file");
-    } catch (const AppError &error) {
-        QCOMPARE(error.message(), u"Couldn't save x.txt: No such file or directory."_s);
-    }
-    QCOMPARE(entries(dir.filePath(u"out"_s)), QStringList{});
+    QCOMPARE(refusal(root.filePath(u"missing.part"_s), root.filePath(u"out"_s)),
+             u"Couldn't save x.txt: No such file or directory."_s);
+    QCOMPARE(entries(root.filePath(u"out"_s)), QStringList{});
 
     // A file where the destination folder should be.
-    QVERIFY(writeFile(dir.filePath(u"blocker"_s), "file"));
-    QVERIFY(writeFile(dir.filePath(u"p.part"_s), "bytes"));
-    try {
-        moveIntoPlace(dir.filePath(u"p.part"_s), u"x.txt"_s, dir.filePath(u"blocker/sub"_s));
-        QFAIL("no error for a folder that cannot be created");
-    } catch (const AppError &error) {
-        QVERIFY2(error.message().startsWith(u"Couldn't create the folder "_s +
-                                            dir.filePath(u"blocker/sub"_s) + u": "_s),
-                 qPrintable(error.message()));
-    }
-    QCOMPARE(readFile(dir.filePath(u"p.part"_s)), QByteArray("bytes"));
+    QVERIFY(writeFile(root.filePath(u"blocker"_s), "file"));
+    QVERIFY(writeFile(root.filePath(u"p.part"_s), "bytes"));
+    const QString message = refusal(root.filePath(u"p.part"_s), root.filePath(u"blocker/sub"_s));
+    QVERIFY2(message.startsWith(u"Couldn't create the folder "_s + root.filePath(u"blocker/sub"_s) +
+                                u": "_s),
+             qPrintable(message));
+    QCOMPARE(readFile(root.filePath(u"p.part"_s)), QByteArray("bytes"));
 
     // A destination folder we may not write to (root ignores permissions).
     if (::geteuid() != 0) {
-        const QString locked = dir.filePath(u"locked"_s);
-        QVERIFY(dir.mkdir(u"locked"_s));
+        const QString locked = root.filePath(u"locked"_s);
+        QVERIFY(QDir(root.path()).mkdir(u"locked"_s));
         QVERIFY(QFile::setPermissions(locked, QFile::ReadOwner | QFile::ExeOwner));
-        try {
-            moveIntoPlace(dir.filePath(u"p.part"_s), u"x.txt"_s, locked);
-            QFAIL("no error for a read-only folder");
-        } catch (const AppError &error) {
-            QCOMPARE(error.message(), u"Couldn't save x.txt: Permission denied."_s);
-        }
+        QCOMPARE(refusal(root.filePath(u"p.part"_s), locked),
+                 u"Couldn't save x.txt: Permission denied."_s);
         QVERIFY(
             QFile::setPermissions(locked, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-        QCOMPARE(readFile(dir.filePath(u"p.part"_s)), QByteArray("bytes"));
+        QCOMPARE(readFile(root.filePath(u"p.part"_s)), QByteArray("bytes"));
     }
 }
 
@@ -217,27 +156,23 @@ void TestMoveIntoPlace::failures()
 void TestMoveIntoPlace::renameNoReplaceRefusesExisting()
 {
     QTemporaryDir root;
-    QVERIFY(root.isValid());
-    const QDir dir(root.path());
-    QVERIFY(writeFile(dir.filePath(u"from"_s), "new"));
-    QVERIFY(writeFile(dir.filePath(u"to"_s), "old"));
-    QCOMPARE(renameNoReplace(dir.filePath(u"from"_s), dir.filePath(u"to"_s)), EEXIST);
-    QCOMPARE(readFile(dir.filePath(u"to"_s)), QByteArray("old"));
-    QCOMPARE(readFile(dir.filePath(u"from"_s)), QByteArray("new"));
-    QCOMPARE(renameNoReplace(dir.filePath(u"from"_s), dir.filePath(u"free"_s)), 0);
-    QCOMPARE(readFile(dir.filePath(u"free"_s)), QByteArray("new"));
-    QVERIFY(!QFile::exists(dir.filePath(u"from"_s)));
+    QVERIFY(writeFile(root.filePath(u"from"_s), "new"));
+    QVERIFY(writeFile(root.filePath(u"to"_s), "old"));
+    QCOMPARE(renameNoReplace(root.filePath(u"from"_s), root.filePath(u"to"_s)), EEXIST);
+    QCOMPARE(readFile(root.filePath(u"to"_s)), QByteArray("old"));
+    QCOMPARE(readFile(root.filePath(u"from"_s)), QByteArray("new"));
+    QCOMPARE(renameNoReplace(root.filePath(u"from"_s), root.filePath(u"free"_s)), 0);
+    QCOMPARE(readFile(root.filePath(u"free"_s)), QByteArray("new"));
+    QVERIFY(!QFile::exists(root.filePath(u"from"_s)));
 }
 
 void TestMoveIntoPlace::createsMissingFolder()
 {
     QTemporaryDir root;
-    QVERIFY(root.isValid());
-    const QDir dir(root.path());
-    QVERIFY(writeFile(dir.filePath(u"p.part"_s), "abc"));
+    QVERIFY(writeFile(root.filePath(u"p.part"_s), "abc"));
     const QString result =
-        moveIntoPlace(dir.filePath(u"p.part"_s), u"f.txt"_s, dir.filePath(u"a/b/c"_s));
-    QCOMPARE(result, dir.filePath(u"a/b/c/f.txt"_s));
+        moveIntoPlace(root.filePath(u"p.part"_s), u"f.txt"_s, root.filePath(u"a/b/c"_s));
+    QCOMPARE(result, root.filePath(u"a/b/c/f.txt"_s));
     QCOMPARE(readFile(result), QByteArray("abc"));
 }
 
@@ -245,19 +180,17 @@ void TestMoveIntoPlace::createsMissingFolder()
 void TestMoveIntoPlace::concurrentMovesNeverOverwrite()
 {
     QTemporaryDir root;
-    QVERIFY(root.isValid());
-    const QDir dir(root.path());
-    QVERIFY(dir.mkdir(u"parts"_s) && dir.mkdir(u"out"_s));
+    QVERIFY(QDir(root.path()).mkdir(u"parts"_s) && QDir(root.path()).mkdir(u"out"_s));
     constexpr int kCount = 8;
     QList<QByteArray> contents;
     for (int i = 0; i < kCount; ++i) {
         contents << randomBytes(4096) + QByteArray::number(i);
-        QVERIFY(writeFile(dir.filePath(u"parts/%1.part"_s.arg(i)), contents.last()));
+        QVERIFY(writeFile(root.filePath(u"parts/%1.part"_s.arg(i)), contents.last()));
     }
     QList<QFuture<QString>> futures;
     for (int i = 0; i < kCount; ++i) {
         futures << QtConcurrent::run(
-            [partial = dir.filePath(u"parts/%1.part"_s.arg(i)), folder = dir.filePath(u"out"_s)] {
+            [partial = root.filePath(u"parts/%1.part"_s.arg(i)), folder = root.filePath(u"out"_s)] {
                 return moveIntoPlace(partial, u"same.bin"_s, folder);
             });
     }
@@ -270,8 +203,8 @@ void TestMoveIntoPlace::concurrentMovesNeverOverwrite()
     }
     QCOMPARE(paths.size(), kCount);
     QVERIFY(expected.isEmpty());
-    QCOMPARE(entries(dir.filePath(u"out"_s)).size(), kCount);
-    QCOMPARE(entries(dir.filePath(u"parts"_s)), QStringList{});
+    QCOMPARE(entries(root.filePath(u"out"_s)).size(), kCount);
+    QCOMPARE(entries(root.filePath(u"parts"_s)), QStringList{});
 }
 
 QTEST_GUILESS_MAIN(TestMoveIntoPlace)

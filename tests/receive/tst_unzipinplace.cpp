@@ -1,6 +1,7 @@
 #include "api/apperror.h"
 #include "api/cancelled.h"
 #include "receive/unzipinplace.h"
+#include "testdata.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -17,6 +18,7 @@
 #include <sys/stat.h>
 
 using namespace lofthaven;
+using namespace lofthaven::testing;
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -55,8 +57,7 @@ Tree treeOf(const QString &folder)
         } else if (info.isDir()) {
             tree.insert(relative, kDir);
         } else if (info.isFile()) {
-            QFile file(path);
-            tree.insert(relative, file.open(QIODevice::ReadOnly) ? file.readAll() : "<unreadable>");
+            tree.insert(relative, readFile(path));
         } else {
             tree.insert(relative, "<special>");
         }
@@ -71,16 +72,17 @@ QStringList entries(const QString &folder)
 }
 
 // Python's zipfile extracts the same archive as an independent reference.
-Tree referenceTree(const QString &archive, const QString &scratch)
+Tree referenceTree(const QString &archive)
 {
+    QTemporaryDir scratch;
     QProcess python;
     python.start(u"python3"_s, {u"-c"_s,
                                 u"import sys, zipfile; "
                                 "zipfile.ZipFile(sys.argv[1]).extractall(sys.argv[2])"_s,
-                                archive, scratch});
-    if (!python.waitForFinished(60000) || python.exitCode() != 0)
+                                archive, scratch.path()});
+    if (!scratch.isValid() || !python.waitForFinished(60000) || python.exitCode() != 0)
         return {{u"<python failed>"_s, python.readAllStandardError()}};
-    return treeOf(scratch);
+    return treeOf(scratch.path());
 }
 
 } // namespace
@@ -91,10 +93,8 @@ class TestUnzipInPlace : public QObject
 
 private Q_SLOTS:
     void initTestCase();
-    void matchesReference_data();
-    void matchesReference();
-    void expectedTree_data();
-    void expectedTree();
+    void extracts_data();
+    void extracts();
     void refusesHostile_data();
     void refusesHostile();
     void namesTheFolderUniquely();
@@ -109,84 +109,57 @@ void TestUnzipInPlace::initTestCase()
     qInfo() << "LC_CTYPE codeset at start:" << nl_langinfo(CODESET);
 }
 
-void TestUnzipInPlace::matchesReference_data()
-{
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<QString>("folder");
-    QTest::addColumn<qint64>("budget");
-
-    QTest::newRow("nested deflated") << u"nested"_s << u"Archive"_s << kBigBudget;
-    QTest::newRow("stored") << u"stored"_s << u"Archive"_s << kBigBudget;
-    // beach.jpg 10240 + readme 6 + empty 0 + notes 800: the budget is inclusive.
-    QTest::newRow("exact budget") << u"nested"_s << u"Archive"_s << qint64(11046);
-    QTest::newRow("non-ASCII names") << u"unicode"_s << u"Archive"_s << kBigBudget;
-}
-
-// Normal archives come out byte-identical to Python's extraction, the archive is deleted and
-// nothing else appears next to the folder.
-void TestUnzipInPlace::matchesReference()
-{
-    QFETCH(QString, kind);
-    QFETCH(QString, folder);
-    QFETCH(qint64, budget);
-
-    QTemporaryDir root;
-    QVERIFY(root.isValid());
-    const QDir dir(root.path());
-    QVERIFY(dir.mkdir(u"work"_s) && dir.mkdir(u"reference"_s));
-    const QString archive = dir.filePath(u"work/Archive.zip"_s);
-    QVERIFY(makeZip(kind, archive));
-    const Tree expected = referenceTree(archive, dir.filePath(u"reference"_s));
-    QVERIFY(!expected.isEmpty());
-
-    const QString result = unzipInPlace(archive, budget);
-
-    QCOMPARE(result, dir.filePath(u"work/"_s + folder));
-    QCOMPARE(treeOf(result), expected);
-    QCOMPARE(entries(dir.filePath(u"work"_s)), QStringList{folder});
-}
-
-void TestUnzipInPlace::expectedTree_data()
+// An empty expected tree stands for Python's extraction of the same archive.
+void TestUnzipInPlace::extracts_data()
 {
     QTest::addColumn<QString>("kind");
     QTest::addColumn<QString>("archiveName");
     QTest::addColumn<QString>("folder");
     QTest::addColumn<Tree>("expected");
+    QTest::addColumn<qint64>("budget");
+    auto row = [](const char *tag, const QString &kind, const QString &archiveName,
+                  const QString &folder, const Tree &expected, qint64 budget = kBigBudget) {
+        QTest::newRow(tag) << kind << archiveName << folder << expected << budget;
+    };
+    const Tree stored{{u"a.txt"_s, "stored bytes\n"}, {u"sub"_s, kDir}, {u"sub/b.txt"_s, "more\n"}};
 
-    QTest::newRow("doubled top folder collapsed")
-        << u"doubled"_s << u"Trip.zip"_s << u"Trip"_s
-        << Tree{{u"day1.txt"_s, "sunny\n"}, {u"maps"_s, kDir}, {u"maps/route.gpx"_s, "<gpx/>\n"}};
-    QTest::newRow("different top folder kept")
-        << u"notdoubled"_s << u"Trip.zip"_s << u"Trip"_s
-        << Tree{{u"Other"_s, kDir}, {u"Other/x.txt"_s, "x\n"}};
-    QTest::newRow("macOS metadata skipped")
-        << u"macos"_s << u"Trip.zip"_s << u"Trip"_s << Tree{{u"a.txt"_s, "a\n"}};
-    QTest::newRow("last extension only")
-        << u"stored"_s << u"x.tar.zip"_s << u"x.tar"_s
-        << Tree{{u"a.txt"_s, "stored bytes\n"}, {u"sub"_s, kDir}, {u"sub/b.txt"_s, "more\n"}};
-    QTest::newRow("non-ASCII archive name")
-        << u"stored"_s << u"Été ✓.zip"_s << u"Été ✓"_s
-        << Tree{{u"a.txt"_s, "stored bytes\n"}, {u"sub"_s, kDir}, {u"sub/b.txt"_s, "more\n"}};
-    QTest::newRow("setuid and sticky bits dropped")
-        << u"setuid"_s << u"Modes.zip"_s << u"Modes"_s
-        << Tree{{u"tool"_s, "#!/bin/sh\n"}, {u"shared"_s, kDir}};
+    row("nested deflated", u"nested"_s, u"Archive.zip"_s, u"Archive"_s, {});
+    row("stored", u"stored"_s, u"Archive.zip"_s, u"Archive"_s, {});
+    // beach.jpg 10240 + readme 6 + empty 0 + notes 800: the budget is inclusive.
+    row("exact budget", u"nested"_s, u"Archive.zip"_s, u"Archive"_s, {}, 11046);
+    row("non-ASCII names", u"unicode"_s, u"Archive.zip"_s, u"Archive"_s, {});
+    row("doubled top folder collapsed", u"doubled"_s, u"Trip.zip"_s, u"Trip"_s,
+        {{u"day1.txt"_s, "sunny\n"}, {u"maps"_s, kDir}, {u"maps/route.gpx"_s, "<gpx/>\n"}});
+    row("different top folder kept", u"notdoubled"_s, u"Trip.zip"_s, u"Trip"_s,
+        {{u"Other"_s, kDir}, {u"Other/x.txt"_s, "x\n"}});
+    row("macOS metadata skipped", u"macos"_s, u"Trip.zip"_s, u"Trip"_s, {{u"a.txt"_s, "a\n"}});
+    row("last extension only", u"stored"_s, u"x.tar.zip"_s, u"x.tar"_s, stored);
+    row("non-ASCII archive name", u"stored"_s, u"Été ✓.zip"_s, u"Été ✓"_s, stored);
+    row("setuid and sticky bits dropped", u"setuid"_s, u"Modes.zip"_s, u"Modes"_s,
+        {{u"tool"_s, "#!/bin/sh\n"}, {u"shared"_s, kDir}});
 }
 
-void TestUnzipInPlace::expectedTree()
+// The archive comes out as expected (or byte-identical to Python's extraction), the archive is
+// deleted and nothing else appears next to the folder.
+void TestUnzipInPlace::extracts()
 {
     QFETCH(QString, kind);
     QFETCH(QString, archiveName);
     QFETCH(QString, folder);
     QFETCH(Tree, expected);
+    QFETCH(qint64, budget);
 
     QTemporaryDir root;
     QVERIFY(root.isValid());
-    const QString archive = QDir(root.path()).filePath(archiveName);
+    const QString archive = root.filePath(archiveName);
     QVERIFY(makeZip(kind, archive));
+    if (expected.isEmpty())
+        expected = referenceTree(archive);
+    QVERIFY(!expected.isEmpty());
 
-    const QString result = unzipInPlace(archive, kBigBudget);
+    const QString result = unzipInPlace(archive, budget);
 
-    QCOMPARE(result, QDir(root.path()).filePath(folder));
+    QCOMPARE(result, root.filePath(folder));
     QCOMPARE(treeOf(result), expected);
     QCOMPARE(entries(root.path()), QStringList{folder});
 
@@ -206,35 +179,29 @@ void TestUnzipInPlace::refusesHostile_data()
     QTest::addColumn<qint64>("budget");
     QTest::addColumn<QString>("reason"); // what the warning log must say
 
-    QTest::newRow("../x") << u"traversal"_s << kBigBudget << u"unsafe path \\.\\./x"_s;
-    QTest::newRow("a/../../x") << u"traversal-inner"_s << kBigBudget
-                               << u"unsafe path a/\\.\\./\\.\\./x"_s;
-    QTest::newRow("absolute path") << u"absolute"_s << kBigBudget << u"absolute path /"_s;
-    QTest::newRow("dot component") << u"dotdir"_s << kBigBudget << u"unsafe path a/\\./b"_s;
-    QTest::newRow("symlink out of the folder")
-        << u"symlink-out"_s << kBigBudget << u"not a regular file or folder: link"_s;
-    QTest::newRow("absolute symlink")
-        << u"symlink-abs"_s << kBigBudget << u"not a regular file or folder: link"_s;
-    QTest::newRow("write through a symlink")
-        << u"symlink-through"_s << kBigBudget << u"not a regular file or folder: dir"_s;
-    QTest::newRow("fifo") << u"fifo"_s << kBigBudget << u"not a regular file or folder: pipe"_s;
-    QTest::newRow("character device")
-        << u"device"_s << kBigBudget << u"not a regular file or folder: tty"_s;
-    QTest::newRow("socket") << u"socket"_s << kBigBudget << u"not a regular file or folder: sock"_s;
-    QTest::newRow("NUL in a name") << u"nul-name"_s << kBigBudget << u"NUL in name nul$"_s;
-    QTest::newRow("duplicate names")
-        << u"duplicate"_s << kBigBudget << u"duplicate name same\\.txt"_s;
-    QTest::newRow("file then folder of the same name")
-        << u"file-then-folder"_s << kBigBudget << u"thing/inner\\.txt: "_s;
-    QTest::newRow("bomb: 8 MiB of zeros, 1 MiB budget")
-        << u"bomb"_s << qint64(1024 * 1024) << u"more bytes than the budget of 1048576"_s;
-    QTest::newRow("bomb over many entries")
-        << u"bomb-many"_s << qint64(1024 * 1024) << u"more bytes than the budget of 1048576"_s;
-    QTest::newRow("budget one byte short")
-        << u"nested"_s << qint64(11045) << u"more bytes than the budget of 11045"_s;
-    QTest::newRow("300-byte name") << u"long-name"_s << kBigBudget << u"name too long"_s;
-    QTest::newRow("not a zip") << u"not-a-zip"_s << kBigBudget << u"."_s;
-    QTest::newRow("truncated") << u"truncated"_s << kBigBudget << u"."_s;
+    auto row = [](const char *tag, const QString &kind, const QString &reason,
+                  qint64 budget = kBigBudget) { QTest::newRow(tag) << kind << budget << reason; };
+    row("../x", u"traversal"_s, u"unsafe path \\.\\./x"_s);
+    row("a/../../x", u"traversal-inner"_s, u"unsafe path a/\\.\\./\\.\\./x"_s);
+    row("absolute path", u"absolute"_s, u"absolute path /"_s);
+    row("dot component", u"dotdir"_s, u"unsafe path a/\\./b"_s);
+    row("symlink out of the folder", u"symlink-out"_s, u"not a regular file or folder: link"_s);
+    row("absolute symlink", u"symlink-abs"_s, u"not a regular file or folder: link"_s);
+    row("write through a symlink", u"symlink-through"_s, u"not a regular file or folder: dir"_s);
+    row("fifo", u"fifo"_s, u"not a regular file or folder: pipe"_s);
+    row("character device", u"device"_s, u"not a regular file or folder: tty"_s);
+    row("socket", u"socket"_s, u"not a regular file or folder: sock"_s);
+    row("NUL in a name", u"nul-name"_s, u"NUL in name nul$"_s);
+    row("duplicate names", u"duplicate"_s, u"duplicate name same\\.txt"_s);
+    row("file then folder of the same name", u"file-then-folder"_s, u"thing/inner\\.txt: "_s);
+    row("bomb: 8 MiB of zeros, 1 MiB budget", u"bomb"_s, u"more bytes than the budget of 1048576"_s,
+        1024 * 1024);
+    row("bomb over many entries", u"bomb-many"_s, u"more bytes than the budget of 1048576"_s,
+        1024 * 1024);
+    row("budget one byte short", u"nested"_s, u"more bytes than the budget of 11045"_s, 11045);
+    row("300-byte name", u"long-name"_s, u"name too long"_s);
+    row("not a zip", u"not-a-zip"_s, u"."_s);
+    row("truncated", u"truncated"_s, u"."_s);
 }
 
 // A hostile archive fails as a whole: the user's sentence, the archive kept byte for byte,
@@ -247,15 +214,11 @@ void TestUnzipInPlace::refusesHostile()
 
     QTemporaryDir root;
     QVERIFY(root.isValid());
-    const QDir dir(root.path());
-    QVERIFY(dir.mkdir(u"work"_s));
-    const QString archive = dir.filePath(u"work/Hostile.zip"_s);
-    const QString absoluteTarget = dir.filePath(u"abs-escape"_s);
+    QVERIFY(QDir(root.path()).mkdir(u"work"_s));
+    const QString archive = root.filePath(u"work/Hostile.zip"_s);
+    const QString absoluteTarget = root.filePath(u"abs-escape"_s);
     QVERIFY(makeZip(kind, archive, {absoluteTarget}));
-    QFile archiveFile(archive);
-    QVERIFY(archiveFile.open(QIODevice::ReadOnly));
-    const QByteArray archiveBytes = archiveFile.readAll();
-    archiveFile.close();
+    const QByteArray archiveBytes = readFile(archive);
 
     QTest::ignoreMessage(QtWarningMsg,
                          QRegularExpression(u"^refused Hostile\\.zip - .*"_s + reason));
@@ -267,9 +230,8 @@ void TestUnzipInPlace::refusesHostile()
     }
 
     QCOMPARE(entries(root.path()), QStringList{u"work"_s});
-    QCOMPARE(entries(dir.filePath(u"work"_s)), QStringList{u"Hostile.zip"_s});
-    QVERIFY(archiveFile.open(QIODevice::ReadOnly));
-    QCOMPARE(archiveFile.readAll(), archiveBytes);
+    QCOMPARE(entries(root.filePath(u"work"_s)), QStringList{u"Hostile.zip"_s});
+    QCOMPARE(readFile(archive), archiveBytes);
     QVERIFY(!QFileInfo::exists(absoluteTarget));
 }
 
@@ -277,19 +239,15 @@ void TestUnzipInPlace::namesTheFolderUniquely()
 {
     QTemporaryDir root;
     QVERIFY(root.isValid());
-    const QDir dir(root.path());
-    QVERIFY(dir.mkdir(u"Trip"_s));
-    QFile existing(dir.filePath(u"Trip/mine.txt"_s));
-    QVERIFY(existing.open(QIODevice::WriteOnly) && existing.write("mine") == 4);
-    existing.close();
+    QVERIFY(writeFile(root.filePath(u"Trip/mine.txt"_s), "mine"));
 
-    QVERIFY(makeZip(u"doubled"_s, dir.filePath(u"Trip.zip"_s)));
-    const QString result = unzipInPlace(dir.filePath(u"Trip.zip"_s), kBigBudget);
+    QVERIFY(makeZip(u"doubled"_s, root.filePath(u"Trip.zip"_s)));
+    const QString result = unzipInPlace(root.filePath(u"Trip.zip"_s), kBigBudget);
 
     // "Trip (2)" does not equal the inner "Trip", so the inner level stays.
-    QCOMPARE(result, dir.filePath(u"Trip (2)"_s));
+    QCOMPARE(result, root.filePath(u"Trip (2)"_s));
     QCOMPARE(treeOf(result).value(u"Trip/day1.txt"_s), QByteArray("sunny\n"));
-    QCOMPARE(treeOf(dir.filePath(u"Trip"_s)), (Tree{{u"mine.txt"_s, "mine"}}));
+    QCOMPARE(treeOf(root.filePath(u"Trip"_s)), (Tree{{u"mine.txt"_s, "mine"}}));
     QCOMPARE(entries(root.path()), (QStringList{u"Trip"_s, u"Trip (2)"_s}));
 }
 
@@ -298,26 +256,22 @@ void TestUnzipInPlace::concurrentUnzipsGetDistinctFolders()
 {
     QTemporaryDir root;
     QVERIFY(root.isValid());
-    const QDir dir(root.path());
     const QStringList archives = {u"Same.zip"_s, u"Same.ZIP"_s, u"Same.bin"_s, u"Same.dat"_s};
     for (const QString &name : archives)
-        QVERIFY(makeZip(u"nested"_s, dir.filePath(name)));
-    QVERIFY(dir.mkdir(u"reference"_s));
-    const Tree expected =
-        referenceTree(dir.filePath(archives.first()), dir.filePath(u"reference"_s));
-    QVERIFY(dir.rmdir(u"reference"_s) || QDir(dir.filePath(u"reference"_s)).removeRecursively());
+        QVERIFY(makeZip(u"nested"_s, root.filePath(name)));
+    const Tree expected = referenceTree(root.filePath(archives.first()));
 
     QList<QFuture<QString>> futures;
     for (const QString &name : archives)
         futures << QtConcurrent::run(
-            [path = dir.filePath(name)] { return unzipInPlace(path, kBigBudget); });
+            [path = root.filePath(name)] { return unzipInPlace(path, kBigBudget); });
     QStringList results;
     for (auto &future : futures)
         results << future.result();
     results.sort();
 
-    QCOMPARE(results, (QStringList{dir.filePath(u"Same"_s), dir.filePath(u"Same (2)"_s),
-                                   dir.filePath(u"Same (3)"_s), dir.filePath(u"Same (4)"_s)}));
+    QCOMPARE(results, (QStringList{root.filePath(u"Same"_s), root.filePath(u"Same (2)"_s),
+                                   root.filePath(u"Same (3)"_s), root.filePath(u"Same (4)"_s)}));
     for (const QString &result : results)
         QCOMPARE(treeOf(result), expected);
     QCOMPARE(entries(root.path()),

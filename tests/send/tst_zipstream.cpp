@@ -3,6 +3,7 @@
 #include "send/zipstream.h"
 #include "testdata.h"
 
+#include <QDataStream>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
@@ -12,6 +13,8 @@
 #include <zlib.h>
 
 using namespace lofthaven;
+using namespace lofthaven::testing;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -28,14 +31,38 @@ QByteArray streamAll(ZipStream &stream, QList<qsizetype> *chunkSizes = nullptr)
     return all;
 }
 
-quint16 u16At(const QByteArray &bytes, qsizetype at)
+quint32 crcOf(const QByteArray &bytes)
 {
-    return qFromLittleEndian<quint16>(bytes.constData() + at);
+    return quint32(
+        crc32(0, reinterpret_cast<const Bytef *>(bytes.constData()), uInt(bytes.size())));
 }
 
-quint32 u32At(const QByteArray &bytes, qsizetype at)
+// A whole archive of one stored entry, field by field as the format lays it out.
+QByteArray oneEntryArchive(const QByteArray &name, const QByteArray &data, ZipStream::DosTime when)
 {
-    return qFromLittleEndian<quint32>(bytes.constData() + at);
+    const quint16 nameSize = quint16(name.size());
+    const quint32 size = quint32(data.size());
+    QByteArray archive;
+    QDataStream out(&archive, QIODevice::WriteOnly);
+    out.setByteOrder(QDataStream::LittleEndian);
+    // Local header: version 20, flags 0x0808 (descriptor follows, UTF-8 name), stored; CRC and
+    // sizes zero, they follow in the data descriptor.
+    out << quint32(0x04034B50) << quint16(20) << quint16(0x0808) << quint16(0) << when.time
+        << when.date << quint32(0) << quint32(0) << quint32(0) << nameSize << quint16(0);
+    out.writeRawData(name.constData(), nameSize);
+    out.writeRawData(data.constData(), int(size));
+    out << quint32(0x08074B50) << crcOf(data) << size << size;
+    // Central record: made by and needs 20; no extra, comment or attributes; local header at 0.
+    const quint32 central = quint32(archive.size());
+    out << quint32(0x02014B50) << quint16(20) << quint16(20) << quint16(0x0808) << quint16(0)
+        << when.time << when.date << crcOf(data) << size << size << nameSize << quint16(0)
+        << quint16(0) << quint16(0) << quint16(0) << quint32(0) << quint32(0);
+    out.writeRawData(name.constData(), nameSize);
+    // End record: disk 0, one entry, the central directory's size and offset, no comment.
+    const quint32 centralSize = quint32(archive.size()) - central;
+    out << quint32(0x06054B50) << quint16(0) << quint16(0) << quint16(1) << quint16(1)
+        << centralSize << central << quint16(0);
+    return archive;
 }
 
 // Python's zipfile as a second, independent reader: checks every member's CRC, prints
@@ -60,17 +87,15 @@ private Q_SLOTS:
     void initTestCase();
     void dosTimeDate_data();
     void dosTimeDate();
-    void predictedSize_data();
-    void predictedSize();
     void archiveReadsBack_data();
     void archiveReadsBack();
+    void layoutOfOneEntry_data();
     void layoutOfOneEntry();
     void dataIsSlicedInMebibytes();
-    void emptyFileHasNoDataChunk();
     void zeroItemsGiveOnlyTheEndRecord();
-    void shrunkFileFails();
+    void changedFileFails_data();
+    void changedFileFails();
     void grownFileIsCutAtPlannedSize();
-    void vanishedFileFails();
 };
 
 void TestZipStream::initTestCase()
@@ -113,28 +138,6 @@ void TestZipStream::dosTimeDate()
     QCOMPARE(int(got.date), date);
 }
 
-void TestZipStream::predictedSize_data()
-{
-    QTest::addColumn<QStringList>("names");
-    QTest::addColumn<QList<qint64>>("sizes");
-    QTest::addColumn<qint64>("expected");
-    QTest::newRow("nothing") << QStringList{} << QList<qint64>{} << qint64(22);
-    QTest::newRow("self-test Trip") << QStringList{"Trip/a.bin", "Trip/Sub/bé ✓.bin"}
-                                    << QList<qint64>{3000, 5123} << qint64(8389);
-    QTest::newRow("empty file") << QStringList{"F/e"} << QList<qint64>{0} << qint64(22 + 92 + 6);
-}
-
-void TestZipStream::predictedSize()
-{
-    QFETCH(QStringList, names);
-    QFETCH(QList<qint64>, sizes);
-    QFETCH(qint64, expected);
-    QList<SendItem> items;
-    for (qsizetype i = 0; i < names.size(); ++i)
-        items.append(SendItem{QString(), names.at(i), sizes.at(i), QDateTime()});
-    QCOMPARE(ZipStream::predictedSize(items), expected);
-}
-
 // files: "relative/name:size" with seeded random bytes; the folder "F" is planned.
 void TestZipStream::archiveReadsBack_data()
 {
@@ -157,16 +160,16 @@ void TestZipStream::archiveReadsBack()
     QTemporaryDir dir;
     QHash<QString, QByteArray> contents;
     for (qsizetype i = 0; i < files.size(); ++i) {
-        const QByteArray bytes = lofthaven::testing::randomBytes(sizes.at(i), quint32(i + 7));
-        QVERIFY(lofthaven::testing::writeFile(dir.filePath(u"F/" + files.at(i)), bytes));
+        const QByteArray bytes = randomBytes(sizes.at(i), quint32(i + 7));
+        QVERIFY(writeFile(dir.filePath(u"F/" + files.at(i)), bytes));
         contents.insert(u"F/" + files.at(i), bytes);
     }
-    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
+    const SendPlan plan = SendPlan::make({dir.filePath(u"F"_s)});
     ZipStream stream(plan.items);
     const QByteArray archive = streamAll(stream);
     QCOMPARE(archive.size(), plan.size);
-    const QString archivePath = dir.filePath(QStringLiteral("out.zip"));
-    QVERIFY(lofthaven::testing::writeFile(archivePath, archive));
+    const QString archivePath = dir.filePath(u"out.zip"_s);
+    QVERIFY(writeFile(archivePath, archive));
 
     // Reader 1: Info-ZIP checks CRCs and data descriptors.
     QProcess unzip;
@@ -176,7 +179,7 @@ void TestZipStream::archiveReadsBack()
              unzip.readAllStandardOutput().constData());
 
     // Reader 2: Python's zipfile reads flags, method and sizes and extracts.
-    const QString extracted = dir.filePath(QStringLiteral("x"));
+    const QString extracted = dir.filePath(u"x"_s);
     QProcess python;
     python.start(QStringLiteral("python3"),
                  {QStringLiteral("-c"), QString::fromUtf8(kPythonReader), archivePath, extracted});
@@ -188,78 +191,43 @@ void TestZipStream::archiveReadsBack()
         expectedListing.append(item.name + u"|2056|0|" + QString::number(item.size));
     QCOMPARE(listing.split(u'\n', Qt::SkipEmptyParts), expectedListing);
     for (auto it = contents.cbegin(); it != contents.cend(); ++it)
-        QCOMPARE(lofthaven::testing::readFile(extracted + u'/' + it.key()), it.value());
+        QCOMPARE(readFile(extracted + u'/' + it.key()), it.value());
+}
+
+void TestZipStream::layoutOfOneEntry_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("data");
+    QTest::addColumn<QList<qsizetype>>("chunks");
+    QTest::newRow("UTF-8 name") << u"F/bé"_s << QByteArray("hello")
+                                << QList<qsizetype>{30 + 5, 5, 16, 46 + 5, 22};
+    QTest::newRow("empty file has no data chunk")
+        << u"F/e"_s << QByteArray() << QList<qsizetype>{33, 16, 49, 22};
 }
 
 void TestZipStream::layoutOfOneEntry()
 {
+    QFETCH(QString, name);
+    QFETCH(QByteArray, data);
+    QFETCH(QList<qsizetype>, chunks);
     QTemporaryDir dir;
-    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/bé")), "hello"));
-    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
+    QVERIFY(writeFile(dir.filePath(name), data));
+    const SendPlan plan = SendPlan::make({dir.filePath(u"F"_s)});
     ZipStream stream(plan.items);
     QList<qsizetype> sizes;
-    const QByteArray a = streamAll(stream, &sizes);
-    const QByteArray name = QStringLiteral("F/bé").toUtf8(); // 5 bytes
-    QCOMPARE(sizes, (QList<qsizetype>{30 + 5, 5, 16, 46 + 5, 22}));
-    const quint32 crc = quint32(crc32(0, reinterpret_cast<const Bytef *>("hello"), 5));
+    const QByteArray archive = streamAll(stream, &sizes);
+    QCOMPARE(sizes, chunks);
+    QCOMPARE(archive.size(), plan.size);
     const ZipStream::DosTime when = ZipStream::dosTimeDate(plan.items.first().mtime);
-    // Local header: zero CRC and sizes, flags 0x0808, stored.
-    QCOMPARE(u32At(a, 0), 0x04034B50u);
-    QCOMPARE(u16At(a, 4), 20);
-    QCOMPARE(u16At(a, 6), 0x0808);
-    QCOMPARE(u16At(a, 8), 0);
-    QCOMPARE(u16At(a, 10), when.time);
-    QCOMPARE(u16At(a, 12), when.date);
-    QCOMPARE(u32At(a, 14), 0u);
-    QCOMPARE(u32At(a, 18), 0u);
-    QCOMPARE(u32At(a, 22), 0u);
-    QCOMPARE(u16At(a, 26), 5);
-    QCOMPARE(u16At(a, 28), 0);
-    QCOMPARE(a.mid(30, 5), name);
-    QCOMPARE(a.mid(35, 5), QByteArray("hello"));
-    // Data descriptor.
-    QCOMPARE(u32At(a, 40), 0x08074B50u);
-    QCOMPARE(u32At(a, 44), crc);
-    QCOMPARE(u32At(a, 48), 5u);
-    QCOMPARE(u32At(a, 52), 5u);
-    // Central record.
-    const qsizetype c = 56;
-    QCOMPARE(u32At(a, c), 0x02014B50u);
-    QCOMPARE(u16At(a, c + 4), 20);
-    QCOMPARE(u16At(a, c + 6), 20);
-    QCOMPARE(u16At(a, c + 8), 0x0808);
-    QCOMPARE(u16At(a, c + 10), 0);
-    QCOMPARE(u16At(a, c + 12), when.time);
-    QCOMPARE(u16At(a, c + 14), when.date);
-    QCOMPARE(u32At(a, c + 16), crc);
-    QCOMPARE(u32At(a, c + 20), 5u);
-    QCOMPARE(u32At(a, c + 24), 5u);
-    QCOMPARE(u16At(a, c + 28), 5);
-    for (int field = 30; field < 42; field += 2)
-        QCOMPARE(u16At(a, c + field), 0);
-    QCOMPARE(u32At(a, c + 42), 0u);
-    QCOMPARE(a.mid(c + 46, 5), name);
-    // End record.
-    const qsizetype e = c + 51;
-    QCOMPARE(u32At(a, e), 0x06054B50u);
-    QCOMPARE(u16At(a, e + 4), 0);
-    QCOMPARE(u16At(a, e + 6), 0);
-    QCOMPARE(u16At(a, e + 8), 1);
-    QCOMPARE(u16At(a, e + 10), 1);
-    QCOMPARE(u32At(a, e + 12), 51u);
-    QCOMPARE(u32At(a, e + 16), quint32(c));
-    QCOMPARE(u16At(a, e + 20), 0);
-    QCOMPARE(a.size(), e + 22);
+    QCOMPARE(archive, oneEntryArchive(name.toUtf8(), data, when));
 }
 
 void TestZipStream::dataIsSlicedInMebibytes()
 {
     QTemporaryDir dir;
-    QVERIFY(
-        lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/x")), lofthaven::testing::randomBytes(2500000)));
-    QVERIFY(
-        lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/y")), lofthaven::testing::randomBytes(1048576)));
-    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
+    QVERIFY(writeFile(dir.filePath(u"F/x"_s), randomBytes(2500000)));
+    QVERIFY(writeFile(dir.filePath(u"F/y"_s), randomBytes(1048576)));
+    const SendPlan plan = SendPlan::make({dir.filePath(u"F"_s)});
     ZipStream stream(plan.items);
     QList<qsizetype> sizes;
     QCOMPARE(streamAll(stream, &sizes).size(), plan.size);
@@ -267,20 +235,9 @@ void TestZipStream::dataIsSlicedInMebibytes()
              (QList<qsizetype>{33, 1048576, 1048576, 402848, 16, 33, 1048576, 16, 49, 49, 22}));
 }
 
-void TestZipStream::emptyFileHasNoDataChunk()
-{
-    QTemporaryDir dir;
-    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("F/e")), {}));
-    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
-    ZipStream stream(plan.items);
-    QList<qsizetype> sizes;
-    const QByteArray a = streamAll(stream, &sizes);
-    QCOMPARE(sizes, (QList<qsizetype>{33, 16, 49, 22}));
-    QCOMPARE(a.mid(33, 16), QByteArray::fromHex("504b0708000000000000000000000000"));
-}
-
 void TestZipStream::zeroItemsGiveOnlyTheEndRecord()
 {
+    QCOMPARE(ZipStream::predictedSize({}), 22);
     ZipStream stream({});
     std::optional<QByteArray> only = stream.next();
     QVERIFY(only);
@@ -289,59 +246,54 @@ void TestZipStream::zeroItemsGiveOnlyTheEndRecord()
     QVERIFY(!stream.next());
 }
 
-void TestZipStream::shrunkFileFails()
+// A file that changes between planning and streaming fails the stream once it is reached.
+void TestZipStream::changedFileFails_data()
 {
+    QTest::addColumn<qint64>("newSize"); // -1: deleted
+    QTest::addColumn<QList<qsizetype>>("chunksBefore");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("shrunk") << qint64(1048576 + 10)
+                            << QList<qsizetype>{30 + 10, 5, 16, 30 + 20, 1048576, 10}
+                            << u"Trip/Sub/bé ✓.bin changed while sending (it got smaller)."_s;
+    QTest::newRow("vanished") << qint64(-1) << QList<qsizetype>{30 + 10, 5, 16}
+                              << u"Can't read Trip/Sub/bé ✓.bin: No such file or directory"_s;
+}
+
+void TestZipStream::changedFileFails()
+{
+    QFETCH(qint64, newSize);
+    QFETCH(QList<qsizetype>, chunksBefore);
+    QFETCH(QString, error);
     QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("Trip/Sub/bé ✓.bin"));
-    QVERIFY(lofthaven::testing::writeFile(path, lofthaven::testing::randomBytes(1500000)));
-    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("Trip"))});
-    QVERIFY(QFile::resize(path, 1048576 + 10));
+    const QString path = dir.filePath(u"Trip/Sub/bé ✓.bin"_s);
+    QVERIFY(writeFile(dir.filePath(u"Trip/a.txt"_s), "12345"));
+    QVERIFY(writeFile(path, randomBytes(1500000)));
+    const SendPlan plan = SendPlan::make({dir.filePath(u"Trip"_s)});
+    QVERIFY(newSize < 0 ? QFile::remove(path) : QFile::resize(path, newSize));
     ZipStream stream(plan.items);
-    QCOMPARE(stream.next()->size(), 30 + 20);
-    QCOMPARE(stream.next()->size(), 1048576);
-    QCOMPARE(stream.next()->size(), 10);
+    QList<qsizetype> sizes;
     try {
-        stream.next();
-        QFAIL("a shrunk file must fail the stream");
+        streamAll(stream, &sizes);
+        QFAIL("a changed file must fail the stream");
     } catch (const AppError &e) {
-        QCOMPARE(e.message(), QStringLiteral("Trip/Sub/bé ✓.bin changed while sending (it got "
-                                             "smaller)."));
+        QCOMPARE(e.message(), error);
     }
+    QCOMPARE(sizes, chunksBefore);
 }
 
 void TestZipStream::grownFileIsCutAtPlannedSize()
 {
     QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("F/grows"));
-    const QByteArray planned = lofthaven::testing::randomBytes(3000);
-    QVERIFY(lofthaven::testing::writeFile(path, planned));
-    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("F"))});
-    QVERIFY(lofthaven::testing::writeFile(path, planned + QByteArray(5000, 'z')));
+    const QString path = dir.filePath(u"F/grows"_s);
+    const QByteArray planned = randomBytes(3000);
+    QVERIFY(writeFile(path, planned));
+    const SendPlan plan = SendPlan::make({dir.filePath(u"F"_s)});
+    QVERIFY(writeFile(path, planned + QByteArray(5000, 'z')));
     ZipStream stream(plan.items);
     const QByteArray archive = streamAll(stream);
     QCOMPARE(archive.size(), plan.size);
     QCOMPARE(archive.mid(30 + 7, 3000), planned);
-    const quint32 crc = quint32(
-        crc32(0, reinterpret_cast<const Bytef *>(planned.constData()), uInt(planned.size())));
-    QCOMPARE(u32At(archive, 30 + 7 + 3000 + 4), crc);
-}
-
-void TestZipStream::vanishedFileFails()
-{
-    QTemporaryDir dir;
-    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("Trip/a.txt")), "12345"));
-    QVERIFY(lofthaven::testing::writeFile(dir.filePath(QStringLiteral("Trip/b.txt")), "6"));
-    const SendPlan plan = SendPlan::make({dir.filePath(QStringLiteral("Trip"))});
-    QVERIFY(QFile::remove(dir.filePath(QStringLiteral("Trip/b.txt"))));
-    ZipStream stream(plan.items);
-    for (int i = 0; i < 3; ++i)
-        QVERIFY(stream.next());
-    try {
-        stream.next();
-        QFAIL("a vanished file must fail the stream");
-    } catch (const AppError &e) {
-        QCOMPARE(e.message(), QStringLiteral("Can't read Trip/b.txt: No such file or directory"));
-    }
+    QCOMPARE(qFromLittleEndian<quint32>(archive.constData() + 30 + 7 + 3000 + 4), crcOf(planned));
 }
 
 QTEST_GUILESS_MAIN(TestZipStream)
