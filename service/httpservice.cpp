@@ -1032,12 +1032,7 @@ void HttpService::putPart(Context &c)
 {
     const std::string id = c.match(1);
     const int64_t number = std::stoll(c.match(2));
-    const auto row = transferRow(id);
-    if (!row)
-        fail(404, "not_found", "No transfer has this id.");
-    const auto &r = *row;
-    if (!isOwner(c, r))
-        fail(403, "forbidden", "The owner token does not match this transfer.");
+    const Store::Row r = ownedTransfer(c, id, "The owner token does not match this transfer.");
     if (Store::integer(r[cExpires]) <= now())
         fail(410, "expired", "This transfer has expired.");
     if (Store::text(r[cState]) != "uploading")
@@ -1135,12 +1130,7 @@ void HttpService::complete(Context &c)
 {
     const std::string id = c.match(1);
     const auto body = c.json();
-    const auto row = transferRow(id);
-    if (!row)
-        fail(404, "not_found", "No transfer has this id.");
-    const auto &r = *row;
-    if (!isOwner(c, r))
-        fail(403, "forbidden", "The owner token does not match this transfer.");
+    const Store::Row r = ownedTransfer(c, id, "The owner token does not match this transfer.");
     const std::string code = Store::text(r[cCode]);
     auto answer = [&] {
         sendJson(c.res, {{"id", qs(id)},
@@ -1198,15 +1188,22 @@ void HttpService::complete(Context &c)
 void HttpService::abort(Context &c)
 {
     const std::string id = c.match(1);
-    const auto row = transferRow(id);
-    if (!row)
-        fail(404, "not_found", "No transfer has this id.");
-    if (!isOwner(c, *row))
-        fail(403, "forbidden", "The owner token does not match this transfer.");
-    if (Store::text((*row)[cState]) == "ready")
+    const Store::Row r = ownedTransfer(c, id, "The owner token does not match this transfer.");
+    if (Store::text(r[cState]) == "ready")
         fail(409, "already_complete", "This transfer is complete; delete it instead.");
     discardTransfer(id);
     sendJson(c.res, {{"ok", true}});
+}
+
+// The transfer's row, when it exists (404) and the caller owns it (403).
+Store::Row HttpService::ownedTransfer(Context &c, const std::string &id, const char *forbidden)
+{
+    auto row = transferRow(id);
+    if (!row)
+        fail(404, "not_found", "No transfer has this id.");
+    if (!isOwner(c, *row))
+        fail(403, "forbidden", forbidden);
+    return std::move(*row);
 }
 
 // Metadata first, in one transaction, then the bytes: a crash in between leaves only
@@ -1224,12 +1221,7 @@ void HttpService::discardTransfer(const std::string &id)
 void HttpService::extend(Context &c)
 {
     const std::string id = c.match(1);
-    const auto row = transferRow(id);
-    if (!row)
-        fail(404, "not_found", "No transfer has this id.");
-    const auto &r = *row;
-    if (!isOwner(c, r))
-        fail(403, "forbidden", "Only the sender can extend this transfer.");
+    const Store::Row r = ownedTransfer(c, id, "Only the sender can extend this transfer.");
     if (Store::text(r[cState]) == "expired" || Store::integer(r[cExpires]) <= now())
         fail(410, "expired", "This transfer has expired.");
     const int64_t changed = m_store->exec("UPDATE transfers SET expires_at = expires_at + ?, "
@@ -1244,11 +1236,7 @@ void HttpService::extend(Context &c)
 void HttpService::remove(Context &c)
 {
     const std::string id = c.match(1);
-    const auto row = transferRow(id);
-    if (!row)
-        fail(404, "not_found", "No transfer has this id.");
-    if (!isOwner(c, *row))
-        fail(403, "forbidden", "Only the sender can delete this transfer.");
+    const Store::Row r = ownedTransfer(c, id, "Only the sender can delete this transfer.");
     discardTransfer(id);
     sendJson(c.res, {{"ok", true}});
 }

@@ -91,6 +91,7 @@ private:
     QJsonObject metaJson(const Store::Row &row);
     std::optional<Store::Row> transferRow(const std::string &id);
     bool isOwner(Context &c, const Store::Row &row);
+    Store::Row ownedTransfer(Context &c, const std::string &id, const char *forbidden);
     std::string transferDir(const std::string &id) const;
     void deleteTransferFiles(const std::string &id);
     void discardTransfer(const std::string &id);
