@@ -5,12 +5,12 @@
 
 #include <QCryptographicHash>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
-#include <QElapsedTimer>
 #include <QTest>
 
 #include <csignal>
@@ -35,15 +35,6 @@ class TestCommandLine : public QObject
 
     LocalService m_service;
     QTemporaryDir m_dir;
-
-    QJsonArray requests(const QString &pathPart)
-    {
-        QJsonArray matching;
-        for (const QJsonValue &entry : m_service.log())
-            if (entry.toObject().value(QStringLiteral("path")).toString().contains(pathPart))
-                matching.append(entry);
-        return matching;
-    }
 
     Outcome lofthaven(const QStringList &arguments, const QByteArray &input = {},
                       int timeoutMs = 120000)
@@ -204,20 +195,32 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("name");
         QTest::addColumn<QString>("saved");
-        QTest::newRow("parent folder") << "../x" << "_._x";
-        QTest::newRow("absolute") << "/abs" << "_abs";
-        QTest::newRow("separators") << "a/b:c.txt" << "a_b_c.txt";
-        QTest::newRow("only spaces") << "   " << "download";
-        QTest::newRow("hidden file") << ".profile" << "_profile";
-        QTest::newRow("control characters") << QStringLiteral("a\x01" "b\nc") << "abc";
+        QTest::newRow("parent folder") << "../x"
+                                       << "_._x";
+        QTest::newRow("absolute") << "/abs"
+                                  << "_abs";
+        QTest::newRow("separators") << "a/b:c.txt"
+                                    << "a_b_c.txt";
+        QTest::newRow("only spaces") << "   "
+                                     << "download";
+        QTest::newRow("hidden file") << ".profile"
+                                     << "_profile";
+        QTest::newRow("control characters") << QStringLiteral("a\x01"
+                                                              "b\nc")
+                                            << "abc";
     }
     void hostileNames()
     {
         QFETCH(QString, name);
         QFETCH(QString, saved);
-        const QByteArray body = QJsonDocument(QJsonObject{
-            {"name", name}, {"size", 4}, {"files", QJsonArray()}, {"expiresIn", 3600},
-            {"maxDownloads", 0}, {"partSize", 4096}, {"source", "test"}}).toJson();
+        const QByteArray body = QJsonDocument(QJsonObject{{"name", name},
+                                                          {"size", 4},
+                                                          {"files", QJsonArray()},
+                                                          {"expiresIn", 3600},
+                                                          {"maxDownloads", 0},
+                                                          {"partSize", 4096},
+                                                          {"source", "test"}})
+                                    .toJson();
         const auto curl = [](const QStringList &arguments, const QByteArray &input = {}) {
             QProcess process;
             process.start(QStringLiteral("curl"), QStringList{QStringLiteral("-sf")} + arguments);
@@ -234,26 +237,31 @@ private Q_SLOTS:
         if (created.isEmpty())
             QSKIP("the service refuses this name");
         const QString id = created.value("id").toString();
-        const QString owner = QStringLiteral("X-Owner-Token: ") + created.value("ownerToken").toString();
+        const QString owner =
+            QStringLiteral("X-Owner-Token: ") + created.value("ownerToken").toString();
         const QJsonObject part = curl({QStringLiteral("-X"), QStringLiteral("PUT"),
                                        QStringLiteral("-H"), owner, QStringLiteral("--data-binary"),
                                        QStringLiteral("@-"), api + "/" + id + "/parts/1"},
                                       "evil");
-        const QJsonObject parts{{"parts", QJsonArray{QJsonObject{
-                                              {"partNumber", 1}, {"etag", part.value("etag")}}}}};
+        const QJsonObject parts{
+            {"parts", QJsonArray{QJsonObject{{"partNumber", 1}, {"etag", part.value("etag")}}}}};
         curl({QStringLiteral("-H"), owner, QStringLiteral("-H"),
               QStringLiteral("Content-Type: application/json"), QStringLiteral("--data-binary"),
               QStringLiteral("@-"), api + "/" + id + "/complete"},
              QJsonDocument(parts).toJson());
 
         const QString into = m_dir.path() + QStringLiteral("/hostile/") + QTest::currentDataTag();
-        const Outcome received = lofthaven({QStringLiteral("receive"), QStringLiteral("--to"),
-                                            into, created.value("code").toString()});
+        const Outcome received = lofthaven({QStringLiteral("receive"), QStringLiteral("--to"), into,
+                                            created.value("code").toString()});
         QVERIFY2(received.status == 0, received.err.constData());
         QCOMPARE(QString::fromUtf8(received.out).trimmed(), into + u'/' + saved);
         QCOMPARE(readFile(into + u'/' + saved), QByteArray("evil"));
-        QCOMPARE(QDir(m_dir.path() + QStringLiteral("/hostile")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).size(),
-                 QDir(m_dir.path() + QStringLiteral("/hostile")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+        QCOMPARE(QDir(m_dir.path() + QStringLiteral("/hostile"))
+                     .entryList(QDir::NoDotAndDotDot | QDir::AllEntries)
+                     .size(),
+                 QDir(m_dir.path() + QStringLiteral("/hostile"))
+                     .entryList(QDir::Dirs | QDir::NoDotAndDotDot)
+                     .size());
     }
 
     // Ctrl-C during an upload: the created transfer is aborted and the run ends at once.
@@ -261,19 +269,24 @@ private Q_SLOTS:
     {
         const QString file = m_dir.path() + QStringLiteral("/interrupted.bin");
         QVERIFY(writeFile(file, randomBytes(100000)));
-        m_service.addFault({{"method", "PUT"}, {"path", "/api/transfers/*/parts/*"},
-                            {"stallSeconds", 30}, {"count", 10}});
+        m_service.addFault({{"method", "PUT"},
+                            {"path", "/api/transfers/*/parts/*"},
+                            {"stallSeconds", 30},
+                            {"count", 10}});
         m_service.clearLog();
         QProcess process;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("LOFTHAVEN_ORIGIN"), m_service.origin());
-        environment.insert(QStringLiteral("XDG_CACHE_HOME"), m_dir.path() + QStringLiteral("/cache"));
+        environment.insert(QStringLiteral("XDG_CACHE_HOME"),
+                           m_dir.path() + QStringLiteral("/cache"));
         process.setProcessEnvironment(environment);
-        process.start(QStringLiteral(LOFTHAVEN_BIN_DIR "/lofthaven"), {QStringLiteral("send"), file});
+        process.start(QStringLiteral(LOFTHAVEN_BIN_DIR "/lofthaven"),
+                      {QStringLiteral("send"), file});
         QVERIFY(process.waitForStarted());
         // The log shows a request once it is answered: wait for the create, then give the
         // stalled part uploads a moment to start.
-        QTRY_VERIFY_WITH_TIMEOUT(!requests(QStringLiteral("/api/transfers")).isEmpty(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            !m_service.requests({}, QStringLiteral("/api/transfers")).isEmpty(), 10000);
         QTest::qWait(500);
         QElapsedTimer clock;
         clock.start();
@@ -283,7 +296,7 @@ private Q_SLOTS:
         QCOMPARE(process.exitCode(), 130);
         QCOMPARE(QString::fromUtf8(process.readAllStandardError()).trimmed().split(u'\n').last(),
                  "Cancelled.");
-        QCOMPARE(requests(QStringLiteral("/abort")).size(), 1);
+        QCOMPARE(m_service.requests({}, QStringLiteral("/abort")).size(), 1);
         m_service.clearFaults();
     }
 

@@ -80,11 +80,8 @@ class TestDownloadToPartial : public QObject
     QStringList requestRanges()
     {
         QStringList ranges;
-        for (const QJsonValue &entry : m_service.log()) {
-            const QJsonObject e = entry.toObject();
-            if (e.value(QStringLiteral("path")).toString().startsWith(QStringLiteral("/dl/")))
-                ranges.append(e.value(QStringLiteral("range")).toString());
-        }
+        for (const QJsonValue &entry : m_service.requests({}, QStringLiteral("/dl/")))
+            ranges.append(entry.toObject().value(QStringLiteral("range")).toString());
         return ranges;
     }
 

@@ -20,8 +20,8 @@
 
 #include <algorithm>
 #include <csignal>
-#include <sys/resource.h>
 #include <map>
+#include <sys/resource.h>
 
 using namespace lofthaven;
 using namespace lofthaven::testing;
@@ -75,18 +75,6 @@ class TestUploader : public QObject
             run.error = userMessage(std::current_exception());
         }
         return run;
-    }
-
-    QJsonArray requests(const QString &method, const QString &pathPart)
-    {
-        QJsonArray matching;
-        for (const QJsonValue &entry : m_service.log()) {
-            const QJsonObject e = entry.toObject();
-            if (e.value(QStringLiteral("method")).toString() == method &&
-                e.value(QStringLiteral("path")).toString().contains(pathPart))
-                matching.append(e);
-        }
-        return matching;
     }
 
     bool spillLeftovers(const Run &run)
@@ -193,7 +181,8 @@ private Q_SLOTS:
         }
 
         // Never more than four parts at the service at once.
-        const QJsonArray parts = requests(QStringLiteral("PUT"), QStringLiteral("/parts/"));
+        const QJsonArray parts =
+            m_service.requests(QStringLiteral("PUT"), QStringLiteral("/parts/"));
         QCOMPARE(qint64(parts.size()), run.result->created.partCount);
         std::map<qint64, int> edges; // +1 at a request's start, -1 at its end
         for (const QJsonValue &value : parts) {
@@ -228,8 +217,8 @@ private Q_SLOTS:
                                   << Sleeps{1} << 2;
         QTest::newRow("408 once") << onPartOne({{"status", 408}, {"count", 1}}) << QString()
                                   << Sleeps{1} << 2;
-        QTest::newRow("403 fails at once") << onPartOne({{"status", 403}, {"count", 1}})
-                                           << "Injected fault." << Sleeps{} << 1;
+        QTest::newRow("403 fails at once")
+            << onPartOne({{"status", 403}, {"count", 1}}) << "Injected fault." << Sleeps{} << 1;
         QTest::newRow("503 storm: six tries") << onPartOne({{"status", 503}, {"count", 100}})
                                               << "Injected fault." << Sleeps{1, 2, 4, 8, 16} << 6;
         QTest::newRow("connection dropped mid-part")
@@ -262,17 +251,21 @@ private Q_SLOTS:
         } else {
             QVERIFY(!run.result);
             QCOMPARE(run.error, error);
-            QCOMPARE(requests(QStringLiteral("POST"), QStringLiteral("/complete")).size(), 0);
-            QCOMPARE(requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(), 1);
+            QCOMPARE(m_service.requests(QStringLiteral("POST"), QStringLiteral("/complete")).size(),
+                     0);
+            QCOMPARE(m_service.requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(),
+                     1);
         }
         if (sleeps != Sleeps{-1})
             QCOMPARE(run.sleeps, sleeps);
         // A negative count is a minimum: libcurl may re-send on a reused connection by itself.
-        const qsizetype puts = requests(QStringLiteral("PUT"), QStringLiteral("/parts/1")).size();
+        const qsizetype puts =
+            m_service.requests(QStringLiteral("PUT"), QStringLiteral("/parts/1")).size();
         if (putsForPartOne < 0)
             QVERIFY2(puts >= -putsForPartOne, qPrintable(QString::number(puts)));
         else
-            QVERIFY2(puts == putsForPartOne || sleeps == Sleeps{-1}, qPrintable(QString::number(puts)));
+            QVERIFY2(puts == putsForPartOne || sleeps == Sleeps{-1},
+                     qPrintable(QString::number(puts)));
         QVERIFY(!spillLeftovers(run));
     }
 
@@ -304,7 +297,7 @@ private Q_SLOTS:
             message = failure.message();
         }
         QCOMPARE(message, error);
-        QCOMPARE(requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(), 1);
+        QCOMPARE(m_service.requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(), 1);
     }
 
     // No room for a spilled part (a file size limit stands in for a full disk): the upload
@@ -325,8 +318,8 @@ private Q_SLOTS:
         QVERIFY2(run.error.contains(QStringLiteral("too large"), Qt::CaseInsensitive),
                  qPrintable(run.error));
         QVERIFY(!spillLeftovers(run));
-        QCOMPARE(requests(QStringLiteral("POST"), QStringLiteral("/complete")).size(), 0);
-        QCOMPARE(requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(), 1);
+        QCOMPARE(m_service.requests(QStringLiteral("POST"), QStringLiteral("/complete")).size(), 0);
+        QCOMPARE(m_service.requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(), 1);
     }
 
     void cancelWhileUploading()
@@ -345,7 +338,7 @@ private Q_SLOTS:
         QVERIFY(run.cancelled);
         QVERIFY2(clock.elapsed() < 10000, "cancelling must not wait for stalled parts");
         QVERIFY(!spillLeftovers(run));
-        QCOMPARE(requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(), 1);
+        QCOMPARE(m_service.requests(QStringLiteral("POST"), QStringLiteral("/abort")).size(), 1);
     }
 
     // The service dies with parts in flight and comes back: the upload rides through.

@@ -125,6 +125,18 @@ QJsonArray LocalService::log()
     return {};
 }
 
+QJsonArray LocalService::requests(const QString &method, const QString &pathPart)
+{
+    QJsonArray matching;
+    for (const QJsonValue &entry : log()) {
+        const QJsonObject request = entry.toObject();
+        if ((method.isEmpty() || request.value(QStringLiteral("method")).toString() == method) &&
+            request.value(QStringLiteral("path")).toString().contains(pathPart))
+            matching.append(request);
+    }
+    return matching;
+}
+
 void LocalService::clearLog()
 {
     control("DELETE", QStringLiteral("/__test/log"));

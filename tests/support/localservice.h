@@ -40,6 +40,8 @@ public:
     void clearFaults();
     // The recent request log, one object per request.
     QJsonArray log();
+    // The logged requests whose path contains `pathPart`, made with `method` (empty: any).
+    QJsonArray requests(const QString &method, const QString &pathPart);
     void clearLog();
     QJsonObject control(const QByteArray &method, const QString &path,
                         const QJsonObject &body = {});
