@@ -3,6 +3,7 @@
 #include "api/apierror.h"
 #include "api/httptransport.h"
 #include "api/serviceorigin.h"
+#include "api/transferid.h"
 
 namespace lofthaven {
 
@@ -57,7 +58,7 @@ void APIClient::setJsonBody(HttpRequest &request, QByteArray json)
 
 QString APIClient::downloadPath(const QString &id, const std::optional<QString> &unlockToken)
 {
-    QString path = u"/dl/" + id;
+    QString path = u"/dl/" + checkedTransferId(id);
     if (unlockToken) {
         // The URL-query character set without "&", "=" and "+", which would end or change the
         // value.
@@ -95,6 +96,7 @@ QCoro::Task<MeResponse> APIClient::me(std::stop_token stop) const
 QCoro::Task<AccountTransfersResponse> APIClient::accountTransfers(std::stop_token stop) const
 {
     HttpRequest request = makeRequest(QStringLiteral("/api/me/transfers"));
+    request.maxCapturedBody = kMaxListBody;
     auto reply = send(std::move(request), stop);
     co_return decode<AccountTransfersResponse>(co_await reply);
 }
@@ -102,6 +104,7 @@ QCoro::Task<AccountTransfersResponse> APIClient::accountTransfers(std::stop_toke
 QCoro::Task<InboxResponse> APIClient::inbox(std::stop_token stop) const
 {
     HttpRequest request = makeRequest(QStringLiteral("/api/me/inbox"));
+    request.maxCapturedBody = kMaxListBody;
     auto reply = send(std::move(request), stop);
     co_return decode<InboxResponse>(co_await reply);
 }
@@ -150,7 +153,7 @@ QCoro::Task<CodeLookup> APIClient::lookupCode(QString code, std::stop_token stop
 
 QCoro::Task<TransferMeta> APIClient::transfer(QString id, std::stop_token stop) const
 {
-    HttpRequest request = makeRequest(u"/api/transfers/" + id);
+    HttpRequest request = makeRequest(u"/api/transfers/" + checkedTransferId(id));
     auto reply = send(std::move(request), stop);
     co_return decode<TransferMeta>(co_await reply);
 }
@@ -158,7 +161,8 @@ QCoro::Task<TransferMeta> APIClient::transfer(QString id, std::stop_token stop) 
 QCoro::Task<UnlockResponse> APIClient::unlock(QString id, QString password,
                                               std::stop_token stop) const
 {
-    HttpRequest request = makeRequest(u"/api/transfers/" + id + u"/unlock", "POST");
+    HttpRequest request =
+        makeRequest(u"/api/transfers/" + checkedTransferId(id) + u"/unlock", "POST");
     setJsonBody(request, PasswordBody{password}.encode());
     auto reply = send(std::move(request), stop);
     co_return decode<UnlockResponse>(co_await reply);
@@ -177,10 +181,11 @@ QCoro::Task<PartResponse> APIClient::uploadPart(QString id, QString ownerToken, 
                                                 FileBody body, std::function<void(qint64)> onSent,
                                                 std::stop_token stop) const
 {
-    HttpRequest request =
-        makeRequest(u"/api/transfers/" + id + u"/parts/" + QString::number(partNumber), "PUT",
-                    {header("X-Owner-Token", ownerToken.toUtf8()),
-                     header("Content-Type", "application/octet-stream")});
+    HttpRequest request = makeRequest(u"/api/transfers/" + checkedTransferId(id) + u"/parts/" +
+                                          QString::number(partNumber),
+                                      "PUT",
+                                      {header("X-Owner-Token", ownerToken.toUtf8()),
+                                       header("Content-Type", "application/octet-stream")});
     request.idleTimeout = kPartIdleTimeout;
     request.fileBody = std::move(body);
     request.onUploadProgress = std::move(onSent);
@@ -192,8 +197,8 @@ QCoro::Task<CompletedTransfer> APIClient::completeTransfer(QString id, QString o
                                                            CompleteBody body,
                                                            std::stop_token stop) const
 {
-    HttpRequest request = makeRequest(u"/api/transfers/" + id + u"/complete", "POST",
-                                      {header("X-Owner-Token", ownerToken.toUtf8())});
+    HttpRequest request = makeRequest(u"/api/transfers/" + checkedTransferId(id) + u"/complete",
+                                      "POST", {header("X-Owner-Token", ownerToken.toUtf8())});
     setJsonBody(request, body.encode());
     auto reply = send(std::move(request), stop);
     co_return decode<CompletedTransfer>(co_await reply);
@@ -202,8 +207,8 @@ QCoro::Task<CompletedTransfer> APIClient::completeTransfer(QString id, QString o
 QCoro::Task<void> APIClient::abortTransfer(QString id, QString ownerToken,
                                            std::stop_token stop) const
 {
-    HttpRequest request = makeRequest(u"/api/transfers/" + id + u"/abort", "POST",
-                                      {header("X-Owner-Token", ownerToken.toUtf8())});
+    HttpRequest request = makeRequest(u"/api/transfers/" + checkedTransferId(id) + u"/abort",
+                                      "POST", {header("X-Owner-Token", ownerToken.toUtf8())});
     auto reply = HttpTransport::instance().send(std::move(request), stop);
     co_await reply;
 }
@@ -211,8 +216,8 @@ QCoro::Task<void> APIClient::abortTransfer(QString id, QString ownerToken,
 QCoro::Task<ExtendResponse> APIClient::extendTransfer(QString id, std::optional<QString> ownerToken,
                                                       std::stop_token stop) const
 {
-    HttpRequest request =
-        makeRequest(u"/api/transfers/" + id + u"/extend", "POST", ownerHeader(ownerToken));
+    HttpRequest request = makeRequest(u"/api/transfers/" + checkedTransferId(id) + u"/extend",
+                                      "POST", ownerHeader(ownerToken));
     auto reply = send(std::move(request), stop);
     co_return decode<ExtendResponse>(co_await reply);
 }
@@ -220,7 +225,8 @@ QCoro::Task<ExtendResponse> APIClient::extendTransfer(QString id, std::optional<
 QCoro::Task<OKResponse> APIClient::deleteTransfer(QString id, std::optional<QString> ownerToken,
                                                   std::stop_token stop) const
 {
-    HttpRequest request = makeRequest(u"/api/transfers/" + id, "DELETE", ownerHeader(ownerToken));
+    HttpRequest request =
+        makeRequest(u"/api/transfers/" + checkedTransferId(id), "DELETE", ownerHeader(ownerToken));
     auto reply = sendExpectingOK(std::move(request), stop);
     co_return co_await reply;
 }

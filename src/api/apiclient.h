@@ -84,6 +84,8 @@ public:
     static constexpr std::chrono::seconds kPartIdleTimeout{300};
     static constexpr std::chrono::seconds kResourceTimeout{86400};
     static constexpr qint64 kMaxJsonBody = 1 << 20;
+    // The account's transfer list and the inbox carry up to 500 file names per entry.
+    static constexpr qint64 kMaxListBody = 32 << 20;
 
 private:
     std::optional<QString> m_token;

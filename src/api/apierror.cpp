@@ -2,6 +2,7 @@
 
 #include "api/wirerecords.h"
 #include "platform/bytecount.h"
+#include "platform/displaytext.h"
 
 namespace lofthaven {
 
@@ -23,7 +24,7 @@ APIError APIError::fromResponse(int status, const QByteArray &body)
         // An HTML error page or an empty body is not a second failure; it just says nothing.
     }
     return APIError(status, error.error.value_or(QStringLiteral("http_%1").arg(status)),
-                    error.message.value_or(QString()), error.limit);
+                    displayText(error.message.value_or(QString())), error.limit);
 }
 
 QString APIError::description() const

@@ -47,16 +47,19 @@ struct HttpRequest
     QByteArray body;                  // in-memory body (JSON)
     std::optional<FileBody> fileBody; // streamed body (part uploads)
 
-    // Idle limit: a transfer slower than 1 byte/s for this long is cut (curl's low-speed rule).
+    // A transfer slower than lowSpeedLimit bytes/s for idleTimeout is cut (curl's low-speed
+    // rule) and fails as a retryable time-out. The floor of 1 KiB/s over a minute is far below
+    // any link people use, yet a server trickling a few bytes a second cannot hold a request.
     std::chrono::seconds idleTimeout{60};
+    long lowSpeedLimit = 1024;
     std::chrono::seconds connectTimeout{30};
     std::chrono::seconds totalTimeout{86400};
     // Redirects are never followed for requests carrying Authorization or X-Owner-Token.
     bool followRedirects = false;
     // A captured body larger than this fails the request (no memory blow-up).
     qint64 maxCapturedBody = 1 << 20;
-    // Keep the first maxCapturedBody bytes and drop the rest instead of failing (error bodies of
-    // downloads, where the status matters more than the whole text).
+    // Keep the first maxCapturedBody bytes and end the request there instead of failing (error
+    // answers, where the status matters more than the whole text).
     bool truncateCapturedBody = false;
 
     std::shared_ptr<ResponseSink> sink;                // optional: stream the body instead

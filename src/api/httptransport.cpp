@@ -14,6 +14,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -42,10 +43,16 @@ QByteArray HttpResponse::header(const QByteArray &name) const
 namespace {
 
 constexpr const char *kUserAgent = "Lofthaven-Desktop/1.0 (macOS)";
-constexpr long kMaxHostConnections = 8;
+// Bulk transfers (part uploads, downloads) and small requests have separate limits, so a
+// lookup never waits behind eight downloads: at most kMaxBulk bulk requests run at once, and
+// the host may have kMaxSmall more connections for everything else.
+constexpr int kMaxBulk = 8;
+constexpr long kMaxSmall = 6;
+constexpr long kMaxHostConnections = kMaxBulk + kMaxSmall;
 constexpr long kReceiveBufferSize = 256 * 1024;
 constexpr long kUploadBufferSize = 512 * 1024;
 constexpr int kPollMilliseconds = 1000;
+constexpr qint64 kMaxErrorBody = 64 * 1024;
 
 struct Job
 {
@@ -57,6 +64,8 @@ struct Job
     QFile file;
     qint64 fileRemaining = 0;
     std::exception_ptr error; // a local failure found in a callback; wins over curl's code
+    bool bulk = false;        // counted against kMaxBulk while its handle is active
+    bool truncated = false;   // the captured body reached its cap and the rest was not read
     bool sinkBegun = false;
     bool sinkTaking = false;
     bool finished = false;
@@ -187,12 +196,18 @@ size_t onWrite(char *data, size_t size, size_t count, void *user)
         }
         return length;
     }
-    const qint64 room = job->request.maxCapturedBody - job->response.body.size();
+    // An error answer is only read for its message: its first 64 KiB are enough.
+    const int status = job->response.status;
+    const bool errorAnswer = status < 200 || status > 299;
+    const qint64 cap = errorAnswer ? std::min(job->request.maxCapturedBody, kMaxErrorBody)
+                                   : job->request.maxCapturedBody;
+    const qint64 room = cap - job->response.body.size();
     if (qint64(length) > room) {
-        if (job->request.truncateCapturedBody) {
+        if (errorAnswer || job->request.truncateCapturedBody) {
             if (room > 0)
                 job->response.body.append(data, room);
-            return length;
+            job->truncated = true;
+            return CURL_WRITEFUNC_ERROR;
         }
         job->error = std::make_exception_ptr(
             TransportError(QStringLiteral("The server's answer was larger than expected (over %1).")
@@ -266,6 +281,8 @@ struct HttpTransport::Private
 
     // Transfer thread only.
     std::unordered_map<CURL *, std::shared_ptr<Job>> active;
+    std::deque<std::shared_ptr<Job>> waitingBulk;
+    int activeBulk = 0;
 
     void submit(const std::shared_ptr<Job> &job);
     void cancel(const std::shared_ptr<Job> &job);
@@ -327,12 +344,26 @@ void HttpTransport::Private::run()
             bundle = caBundle;
             stop = stopping;
         }
-        for (const auto &job : started)
-            start(job, bundle);
+        for (const auto &job : started) {
+            if (job->request.fileBody || job->request.sink)
+                waitingBulk.push_back(job);
+            else
+                start(job, bundle);
+        }
         for (const auto &job : cancelled)
             resolve(job, std::make_exception_ptr(Cancelled()));
+        while (activeBulk < kMaxBulk && !waitingBulk.empty() && !stop) {
+            const std::shared_ptr<Job> job = waitingBulk.front();
+            waitingBulk.pop_front();
+            if (job->finished)
+                continue; // cancelled while it waited
+            job->bulk = true;
+            ++activeBulk;
+            start(job, bundle);
+        }
         if (stop) {
-            std::vector<std::shared_ptr<Job>> left;
+            std::vector<std::shared_ptr<Job>> left(waitingBulk.begin(), waitingBulk.end());
+            waitingBulk.clear();
             for (const auto &[easy, job] : active)
                 left.push_back(job);
             for (const auto &job : left)
@@ -391,8 +422,7 @@ void HttpTransport::Private::start(const std::shared_ptr<Job> &job, const QByteA
             curl_easy_setopt(easy, CURLOPT_CAINFO_BLOB, &blob);
         }
         curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, long(request.connectTimeout.count()));
-        // A trickle below 1 byte/s for the idle time ends the request.
-        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, std::max(1L, request.lowSpeedLimit));
         curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, long(request.idleTimeout.count()));
         curl_easy_setopt(easy, CURLOPT_TIMEOUT, long(request.totalTimeout.count()));
         curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
@@ -469,7 +499,8 @@ void HttpTransport::Private::complete(const std::shared_ptr<Job> &job, CURLcode 
         resolve(job, job->error);
         return;
     }
-    if (code != CURLE_OK && !job->response.sinkAborted) {
+    const bool endedOnPurpose = job->response.sinkAborted || job->truncated;
+    if (code != CURLE_OK && !endedOnPurpose) {
         resolve(job, std::make_exception_ptr(transportError(code, job->request.url.host())));
         return;
     }
@@ -485,6 +516,10 @@ void HttpTransport::Private::resolve(const std::shared_ptr<Job> &job, std::excep
     if (job->finished)
         return;
     job->finished = true;
+    if (job->bulk) {
+        job->bulk = false;
+        --activeBulk;
+    }
     if (job->easy) {
         curl_multi_remove_handle(multi, job->easy);
         active.erase(job->easy);

@@ -2,6 +2,7 @@
 
 #include "api/cancelled.h"
 #include "api/usermessage.h"
+#include "platform/displaytext.h"
 
 #include <cstdio>
 #include <iostream>
@@ -45,7 +46,8 @@ int CommandContext::fail(const std::exception_ptr &error) const
             printError(QStringLiteral("Cancelled."));
             return kInterrupted;
         }
-        printError(userMessage(std::current_exception()));
+        // The sentence may carry the service's words: never raw bytes on a terminal.
+        printError(displayText(userMessage(std::current_exception()), 1000));
         return kFailed;
     }
 }

@@ -4,6 +4,7 @@
 #include "api/apperror.h"
 #include "api/cancelled.h"
 #include "api/httptransport.h"
+#include "api/transferid.h"
 #include "api/transporterror.h"
 #include "platform/stoppablesleep.h"
 #include "receive/filesink.h"
@@ -37,8 +38,9 @@ Verdict judge(const std::exception_ptr &error)
     } catch (const Cancelled &) {
         return Verdict::GiveUp;
     } catch (const APIError &apiError) {
+        // Redirects are not followed here, so a 3xx fails like any other refusal.
         const int status = apiError.status();
-        if (status >= 400 && status <= 499 && status != 408 && status != 429)
+        if (status < 500 && status != 408 && status != 429)
             return Verdict::GiveUp;
         return Verdict::Retry;
     } catch (...) {
@@ -50,7 +52,8 @@ Verdict judge(const std::exception_ptr &error)
 
 QString partialPathFor(const QString &tempFolder, const QString &id)
 {
-    return tempFolder + QStringLiteral("/downloads/") + id + QStringLiteral(".part");
+    return tempFolder + QStringLiteral("/downloads/") + checkedTransferId(id) +
+           QStringLiteral(".part");
 }
 
 QCoro::Task<void> downloadToPartial(APIClient client, QString id, std::optional<QString> token,
@@ -64,6 +67,9 @@ QCoro::Task<void> downloadToPartial(APIClient client, QString id, std::optional<
         throw AppError(QStringLiteral("Couldn't create the folder for partial downloads."));
     const QString path = client.downloadPath(id, token);
 
+    // 416 means the partial file no longer fits the transfer: start again from zero, once per
+    // attempt. A second 416 in a row is a server that cannot serve ranges and must not spin.
+    bool restartedAfter416 = false;
     for (int attempt = 0;;) {
         if (stop.stop_requested())
             throw Cancelled();
@@ -112,12 +118,19 @@ QCoro::Task<void> downloadToPartial(APIClient client, QString id, std::optional<
             }
             if (status == 416) {
                 QFile::remove(partial);
-                continue; // a fresh start: no pause, not an attempt
+                if (!restartedAfter416) {
+                    restartedAfter416 = true;
+                    continue; // a fresh start: no pause, not an attempt
+                }
+                throw TransportError(
+                    QStringLiteral("The service could not send the requested part of the file."),
+                    true);
             }
             throw APIError::fromResponse(status, sink->errorBody());
         } catch (...) {
             error = std::current_exception();
         }
+        restartedAfter416 = false;
         if (stop.stop_requested())
             throw Cancelled();
         if (judge(error) == Verdict::GiveUp || attempt == DownloadRetry::kMaxRetries)

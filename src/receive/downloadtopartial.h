@@ -23,7 +23,8 @@ struct DownloadRetry
 // Fetches transfer `id` into `partial`, resuming from what the file already holds with a
 // Range request, and retrying what may heal after 2, 4, 8, 16, 30, 30, 30 and 30 seconds.
 // Returns when the partial file holds the whole transfer. `counter` follows the bytes on disk.
-// A 416 answer restarts from byte 0 at once; a 4xx other than 408/429 fails at once.
+// A 416 answer restarts from byte 0 at once (a second one in a row counts as a failed
+// attempt); any other status below 500 except 408 and 429 fails at once.
 QCoro::Task<void> downloadToPartial(APIClient client, QString id, std::optional<QString> token,
                                     qint64 expectedSize, bool skipSizeChecks, QString partial,
                                     std::shared_ptr<ProgressCounter> counter,

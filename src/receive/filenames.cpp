@@ -1,5 +1,7 @@
 #include "receive/filenames.h"
 
+#include "platform/displaytext.h"
+
 #include <QDir>
 #include <QFile>
 
@@ -43,12 +45,10 @@ QString fitUtf8Bytes(QString text, qsizetype maxBytes)
 
 QString safeFileName(const QString &name)
 {
-    QString result;
-    result.reserve(name.size());
-    for (const QChar c : name) {
-        if (c.category() == QChar::Other_Control)
-            continue;
-        result.append(c == u'/' || c == u':' ? QChar(u'_') : c);
+    QString result = withoutControlCharacters(name);
+    for (QChar &c : result) {
+        if (c == u'/' || c == u':')
+            c = u'_';
     }
     result = result.trimmed();
     if (result.startsWith(u'.'))

@@ -59,14 +59,16 @@ bool FileSink::begin(int status, const HttpHeaders &headers)
     if (status == 200) {
         m_fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         m_written = 0;
-    } else if (status == 206 && m_resumeFrom >= 1) {
+    } else if (status == 206) {
+        // Without a Range asked for, a 206 is only usable when it starts at byte 0.
         if (contentRangeStart(headers) != m_resumeFrom) {
             failLocked(std::make_exception_ptr(TransportError(
                 QStringLiteral("The service sent a different part of the file than was asked for."),
                 true)));
             return true;
         }
-        m_fd = ::open(path.constData(), O_WRONLY | O_CLOEXEC);
+        const int flags = m_resumeFrom == 0 ? O_WRONLY | O_CREAT | O_TRUNC : O_WRONLY;
+        m_fd = ::open(path.constData(), flags | O_CLOEXEC, 0600);
         struct stat info
         {
         };
@@ -98,9 +100,10 @@ bool FileSink::write(const char *data, qint64 size)
         if (m_error)
             return false;
         if (m_fd < 0) {
-            if (m_errorBody.size() < kErrorBodyCap)
-                m_errorBody.append(data, size);
-            return true;
+            // An error answer is read up to the cap, then the connection is dropped: an endless
+            // body must not keep the download busy.
+            m_errorBody.append(data, std::min(size, kErrorBodyCap - m_errorBody.size()));
+            return m_errorBody.size() < kErrorBodyCap;
         }
         if (m_expectedSize >= 0 && m_written + size > m_expectedSize) {
             failLocked(std::make_exception_ptr(

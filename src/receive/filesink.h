@@ -14,9 +14,11 @@ namespace lofthaven {
 // Writes one download response into the partial file, on the transfer thread.
 //
 //   200            → the partial file is rewritten from its first byte
-//   206, resuming  → appended after the `resumeFrom` bytes already there, but only when the
-//                    Content-Range starts exactly there (a misplaced range is never spliced)
-//   anything else  → the body is kept (at most 64 KiB) to be read as the service's error
+//   206            → appended after the `resumeFrom` bytes already there (0 when no range was
+//                    asked for), but only when the Content-Range starts exactly there (a
+//                    misplaced range is never spliced)
+//   anything else  → the body is kept (at most 64 KiB, then the request is cut) to be read as
+//                    the service's error
 //
 // A local failure (open, write, a full disk, more bytes than the transfer holds) aborts the
 // request and is reported in preference to the transport's own error.

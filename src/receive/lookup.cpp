@@ -2,9 +2,8 @@
 
 #include "api/apierror.h"
 #include "api/apperror.h"
+#include "api/transferid.h"
 #include "receive/receivetarget.h"
-
-#include <QRegularExpression>
 
 namespace lofthaven {
 
@@ -14,8 +13,7 @@ QCoro::Task<TransferMeta> lookupTransfer(APIClient client, QString input, QStrin
     const std::optional<ReceiveTarget> target = normalizeReceiveInput(input);
     // Identifiers go into the request path as they are, so only letters and digits pass
     // (a lofthaven://d/.. link must not reach another endpoint).
-    static const QRegularExpression identifier(QStringLiteral("^[A-Za-z0-9]+$"));
-    if (!target || !identifier.match(target->value).hasMatch())
+    if (!target || !isTransferId(target->value))
         throw AppError(QStringLiteral("Enter the 6-digit code or paste a ") + serviceHost +
                        QStringLiteral(" link."));
     try {

@@ -2,6 +2,7 @@
 
 #include "api/apperror.h"
 #include "api/cancelled.h"
+#include "platform/displaytext.h"
 #include "receive/filenames.h"
 #include "receive/nooverwrite.h"
 
@@ -14,10 +15,12 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <zlib.h>
 
 #include <cerrno>
 #include <clocale>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <langinfo.h>
 #include <mutex>
@@ -121,48 +124,51 @@ quint64 le64(const char *p)
 }
 
 // libarchive turns fifos and sockets into regular files and cuts names at a NUL, so read the
-// central directory ourselves for what it hides. An unreadable directory is left to libarchive.
-void scanCentralDirectory(const QString &path)
+// central directory ourselves for what it hides, and keep each name's CRC-32 for the check
+// after extraction. An unreadable directory is left to libarchive.
+QHash<QByteArray, quint32> scanCentralDirectory(const QString &path)
 {
+    QHash<QByteArray, quint32> crcs;
+    QList<QByteArray> twice;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
-        return;
+        return crcs;
     const qint64 size = file.size();
     const qint64 tailSize = qMin<qint64>(size, 22 + 65535);
     if (!file.seek(size - tailSize))
-        return;
+        return crcs;
     const QByteArray tail = file.read(tailSize);
     qsizetype eocd = tail.size() - 22;
     while (eocd >= 0 && le32(tail.constData() + eocd) != 0x06054b50)
         --eocd;
     if (eocd < 0)
-        return;
+        return crcs;
     quint64 directorySize = le32(tail.constData() + eocd + 12);
     qint64 directoryEnd = size - tailSize + eocd;
     if (directorySize == 0xffffffff && eocd >= 20 &&
         le32(tail.constData() + eocd - 20) == 0x07064b50) {
         const qint64 zip64At = qint64(le64(tail.constData() + eocd - 12));
         if (!file.seek(zip64At))
-            return;
+            return crcs;
         const QByteArray record = file.read(56);
         if (record.size() < 56 || le32(record.constData()) != 0x06064b50)
-            return;
+            return crcs;
         directorySize = le64(record.constData() + 40);
         directoryEnd = zip64At;
     }
     if (directorySize > quint64(directoryEnd) || directorySize > kMaxCentralDirectory)
         refuse(QStringLiteral("central directory too large"));
     if (!file.seek(directoryEnd - qint64(directorySize)))
-        return;
+        return crcs;
     const QByteArray directory = file.read(qint64(directorySize));
     for (qsizetype at = 0; at + 46 <= directory.size();) {
         const char *header = directory.constData() + at;
         if (le32(header) != 0x02014b50)
-            return;
+            return crcs;
         const qsizetype nameLength = le16(header + 28);
         const qsizetype next = at + 46 + nameLength + le16(header + 30) + le16(header + 32);
         if (next > directory.size())
-            return;
+            return crcs;
         const QByteArray name = directory.mid(at + 46, nameLength);
         if (name.contains('\0'))
             refuse(u"NUL in name " + QString::fromUtf8(name.left(name.indexOf('\0'))));
@@ -170,8 +176,15 @@ void scanCentralDirectory(const QString &path)
         const quint32 type = (le32(header + 38) >> 16) & 0170000;
         if (unixMode && type != 0 && type != 0100000 && type != 0040000)
             refuse(u"not a regular file or folder: " + QString::fromUtf8(name));
+        // A name listed twice has no single CRC; the duplicate is refused on extraction.
+        if (crcs.contains(name))
+            twice.append(name);
+        crcs.insert(name, le32(header + 16));
         at = next;
     }
+    for (const QByteArray &name : twice)
+        crcs.remove(name);
+    return crcs;
 }
 
 void checkStop(const std::stop_token &stop)
@@ -193,7 +206,7 @@ void extractInto(const QString &archivePath, const QString &tempFolder, qint64 b
     if (archive_read_open_filename(reader.a, QFile::encodeName(archivePath).constData(),
                                    64 * 1024) != ARCHIVE_OK)
         refuse(archiveErrorText(reader.a));
-    scanCentralDirectory(archivePath);
+    const QHash<QByteArray, quint32> crcs = scanCentralDirectory(archivePath);
 
     const QByteArray prefix = QFile::encodeName(tempFolder) + '/';
     qint64 written = 0;
@@ -205,13 +218,17 @@ void extractInto(const QString &archivePath, const QString &tempFolder, qint64 b
         const int header = archive_read_next_header(reader.a, &entry);
         if (header == ARCHIVE_EOF)
             break;
-        if (header < ARCHIVE_WARN)
+        // A warning is a failure too: libarchive reports bad checksums and failed writes as
+        // warnings, and "unzipped" must mean every byte arrived.
+        if (header != ARCHIVE_OK)
             refuse(archiveErrorText(reader.a));
 
         const char *rawName = archive_entry_pathname(entry);
         if (!rawName)
             refuse(QStringLiteral("entry name not representable in UTF-8"));
-        const QByteArray name(rawName);
+        const QByteArray listedName(rawName);
+        // Control and bidirectional-override characters are dropped from what lands on disk.
+        const QByteArray name = withoutControlCharacters(QString::fromUtf8(listedName)).toUtf8();
         const QList<QByteArray> components = checkedComponents(name);
         if (isAppleMetadata(components))
             continue;
@@ -234,10 +251,14 @@ void extractInto(const QString &archivePath, const QString &tempFolder, qint64 b
         const QByteArray fullPath = prefix + name;
         archive_entry_set_pathname(entry, fullPath.constData());
 
-        if (archive_write_header(writer.a, entry) < ARCHIVE_WARN)
+        if (archive_write_header(writer.a, entry) != ARCHIVE_OK)
             refuse(QString::fromUtf8(name) + u": " + archiveErrorText(writer.a));
 
         if (type == AE_IFREG) {
+            // Our own CRC over what was written, against the central directory's: a reader
+            // that only warns about a mismatch must not let wrong bytes through.
+            uLong crc = crc32(0L, Z_NULL, 0);
+            qint64 expectedOffset = 0;
             for (int block = 0;; ++block) {
                 const void *data = nullptr;
                 size_t size = 0;
@@ -245,23 +266,32 @@ void extractInto(const QString &archivePath, const QString &tempFolder, qint64 b
                 const int read = archive_read_data_block(reader.a, &data, &size, &offset);
                 if (read == ARCHIVE_EOF)
                     break;
-                if (read < ARCHIVE_WARN)
+                if (read != ARCHIVE_OK)
                     refuse(QString::fromUtf8(name) + u": " + archiveErrorText(reader.a));
+                if (offset != expectedOffset)
+                    refuse(QString::fromUtf8(name) + u": data out of order");
+                expectedOffset = offset + qint64(size);
                 written += qint64(size);
-                // Holes count too: the offset is the file's length after this block.
-                if (written > byteBudget || offset + qint64(size) > byteBudget)
+                if (written > byteBudget || expectedOffset > byteBudget)
                     refuse(QStringLiteral("more bytes than the budget of %1").arg(byteBudget));
-                if (archive_write_data_block(writer.a, data, size, offset) < ARCHIVE_WARN)
+                if (size > 0) // zlib starts over when handed no buffer
+                    crc = crc32(crc, static_cast<const Bytef *>(data), uInt(size));
+                // Anything but OK is a failed or short write (both come back as warnings).
+                const la_ssize_t put = archive_write_data_block(writer.a, data, size, offset);
+                if (put != ARCHIVE_OK)
                     refuse(QString::fromUtf8(name) + u": " + archiveErrorText(writer.a));
                 if (block % 64 == 63)
                     checkStop(stop);
             }
+            const auto listed = crcs.constFind(listedName);
+            if (listed != crcs.cend() && listed.value() != quint32(crc))
+                refuse(QString::fromUtf8(name) + u": checksum mismatch");
         }
-        if (archive_write_finish_entry(writer.a) < ARCHIVE_WARN)
+        if (archive_write_finish_entry(writer.a) != ARCHIVE_OK)
             refuse(QString::fromUtf8(name) + u": " + archiveErrorText(writer.a));
     }
     // Applies the deferred folder times and modes.
-    if (archive_write_close(writer.a) < ARCHIVE_WARN)
+    if (archive_write_close(writer.a) != ARCHIVE_OK)
         refuse(archiveErrorText(writer.a));
 }
 
@@ -332,6 +362,17 @@ QString unzipInPlace(const QString &archive, qint64 byteBudget, std::stop_token 
             refuse(QStringLiteral("temporary folder vanished"));
         extractInto(archive, realTemp, byteBudget, stop);
         checkStop(stop);
+        // A full disk may only show when the written pages reach it: ask before the archive,
+        // the only other copy, is deleted.
+        const int folderFd =
+            ::open(QFile::encodeName(realTemp).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (folderFd < 0 || ::syncfs(folderFd) != 0) {
+            const int error = errno;
+            if (folderFd >= 0)
+                ::close(folderFd);
+            refuse(u"cannot flush the extracted files: " + systemErrorText(error));
+        }
+        ::close(folderFd);
 
         for (int attempt = 0;; ++attempt) {
             target = uniquePath(folder, baseName);

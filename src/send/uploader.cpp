@@ -3,6 +3,7 @@
 #include "api/apierror.h"
 #include "api/apperror.h"
 #include "api/cancelled.h"
+#include "platform/displaytext.h"
 #include "platform/runinpool.h"
 #include "platform/stoppablesleep.h"
 #include "platform/wakeup.h"
@@ -22,15 +23,6 @@ namespace {
 
 constexpr qint64 kMiB = 1024 * 1024;
 
-// QString::left counts UTF-16 units and could split a surrogate pair.
-QString firstCharacters(const QString &text, int count)
-{
-    int units = 0;
-    for (int taken = 0; taken < count && units < text.size(); ++taken)
-        units += (text.at(units).isHighSurrogate() && units + 1 < text.size()) ? 2 : 1;
-    return text.left(units);
-}
-
 bool mayHealOnRetry(const std::exception_ptr &error)
 {
     try {
@@ -41,7 +33,8 @@ bool mayHealOnRetry(const std::exception_ptr &error)
         return false;
     } catch (const APIError &apiError) {
         const int status = apiError.status();
-        return status >= 500 || status == 408 || status == 429 || status < 400;
+        // A redirect is not followed for a part and does not heal by itself either.
+        return status >= 500 || status == 408 || status == 429;
     } catch (...) {
         return true;
     }
@@ -95,9 +88,9 @@ CreateTransferBody Uploader::createBody() const
     for (qsizetype i = 0; i < listed; ++i)
         body.files.append(FileEntry{m_plan.items.at(i).name, m_plan.items.at(i).size});
     if (!m_options.title.isEmpty())
-        body.title = firstCharacters(m_options.title, 120);
+        body.title = firstGraphemes(m_options.title, 120);
     if (!m_options.message.isEmpty())
-        body.message = firstCharacters(m_options.message, 1000);
+        body.message = firstGraphemes(m_options.message, 1000);
     body.expiresIn = m_options.expiresIn;
     body.maxDownloads = m_options.maxDownloads;
     if (!m_options.password.isEmpty())

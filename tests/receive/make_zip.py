@@ -71,6 +71,7 @@ STORED = {
     "setuid": [(entry("tool", stat.S_IFREG | 0o6777), b"#!/bin/sh\n"),
                (entry("shared/", stat.S_IFDIR | 0o1777, is_dir=True), None)],
     "long-name": [("n" * 300 + ".txt", b"long\n")],
+    "controls": [("bill\x1b]0;pwned\x07\u202etxt.exe", b"x\n")],
 }
 
 
@@ -92,6 +93,11 @@ def main():
     elif case == "nul-name":
         write(out, [("nulXhidden.txt", b"hidden\n")])
         patch_name(out, b"nulXhidden.txt", b"nul\x00hidden.txt")
+    elif case == "bad-crc":  # the stored bytes changed after the CRC was written
+        write(out, [("a.txt", b"stored bytes\n")])
+        raw = open(out, "rb").read()
+        assert raw.count(b"stored bytes") == 1
+        open(out, "wb").write(raw.replace(b"stored bytes", b"stOred bytes"))
     elif case == "not-a-zip":
         with open(out, "wb") as f:
             f.write(b"this is not an archive at all\n" * 10)

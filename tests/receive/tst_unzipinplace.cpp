@@ -14,7 +14,10 @@
 #include <QTest>
 #include <QtConcurrent>
 
+#include <csignal>
 #include <langinfo.h>
+#include <optional>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using namespace lofthaven;
@@ -100,6 +103,7 @@ private Q_SLOTS:
     void namesTheFolderUniquely();
     void concurrentUnzipsGetDistinctFolders();
     void stopsWhenCancelled();
+    void fullDiskFailsAndKeepsTheArchive();
 };
 
 void TestUnzipInPlace::initTestCase()
@@ -135,6 +139,8 @@ void TestUnzipInPlace::extracts_data()
     row("macOS metadata skipped", u"macos"_s, u"Trip.zip"_s, u"Trip"_s, {{u"a.txt"_s, "a\n"}});
     row("last extension only", u"stored"_s, u"x.tar.zip"_s, u"x.tar"_s, stored);
     row("non-ASCII archive name", u"stored"_s, u"Été ✓.zip"_s, u"Été ✓"_s, stored);
+    row("control and bidi characters dropped from names", u"controls"_s, u"Bill.zip"_s, u"Bill"_s,
+        {{u"bill]0;pwnedtxt.exe"_s, "x\n"}});
     row("setuid and sticky bits dropped", u"setuid"_s, u"Modes.zip"_s, u"Modes"_s,
         {{u"tool"_s, "#!/bin/sh\n"}, {u"shared"_s, kDir}});
 }
@@ -200,6 +206,7 @@ void TestUnzipInPlace::refusesHostile_data()
         1024 * 1024);
     row("budget one byte short", u"nested"_s, u"more bytes than the budget of 11045"_s, 11045);
     row("300-byte name", u"long-name"_s, u"name too long"_s);
+    row("bytes changed after their CRC", u"bad-crc"_s, u"a\\.txt: "_s);
     row("not a zip", u"not-a-zip"_s, u"."_s);
     row("truncated", u"truncated"_s, u"."_s);
 }
@@ -288,6 +295,37 @@ void TestUnzipInPlace::stopsWhenCancelled()
     stop.request_stop();
     QVERIFY_THROWS_EXCEPTION(Cancelled, unzipInPlace(archive, kBigBudget, stop.get_token()));
     QCOMPARE(entries(root.path()), QStringList{u"Big.zip"_s});
+}
+
+// A write that fails (here: over the file-size limit, as on a full disk) must not pass for
+// success: nothing extracted is left and the archive stays.
+void TestUnzipInPlace::fullDiskFailsAndKeepsTheArchive()
+{
+    QTemporaryDir root;
+    QVERIFY(root.isValid());
+    const QString archive = root.filePath(u"Full.zip"_s);
+    QVERIFY(makeZip(u"nested"_s, archive));
+    const QByteArray archiveBytes = readFile(archive);
+
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"^refused Full\\.zip - "_s));
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit previous{};
+    getrlimit(RLIMIT_FSIZE, &previous);
+    rlimit small = previous;
+    small.rlim_cur = 4096; // beach.jpg holds 10,240 bytes
+    setrlimit(RLIMIT_FSIZE, &small);
+    std::optional<AppError> failure;
+    try {
+        unzipInPlace(archive, kBigBudget);
+    } catch (const AppError &error) {
+        failure = error;
+    }
+    setrlimit(RLIMIT_FSIZE, &previous);
+
+    QVERIFY2(failure, "a failed write must fail the unzip");
+    QCOMPARE(failure->message(), u"Couldn't unzip Full.zip."_s);
+    QCOMPARE(entries(root.path()), QStringList{u"Full.zip"_s});
+    QCOMPARE(readFile(archive), archiveBytes);
 }
 
 QTEST_GUILESS_MAIN(TestUnzipInPlace)
