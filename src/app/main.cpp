@@ -44,9 +44,19 @@ Invocation parseArguments(const QStringList &args)
     } else {
         return invocation;
     }
-    // The other switch directly after this one is not a folder.
-    if (at + 1 < args.size() && args.at(at + 1) != full && args.at(at + 1) != offline)
-        invocation.folder = args.at(at + 1);
+    // The folder is the first argument after the switch that is neither an option nor the
+    // value of --origin.
+    for (qsizetype i = at + 1; i < args.size(); ++i) {
+        const QString &arg = args.at(i);
+        if (arg == u"--origin") {
+            ++i;
+            continue;
+        }
+        if (arg.startsWith(u"--"))
+            continue;
+        invocation.folder = arg;
+        break;
+    }
     return invocation;
 }
 

@@ -13,6 +13,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <limits>
+
 namespace lofthaven {
 
 namespace {
@@ -79,8 +81,11 @@ QCoro::Task<int> sendCommand(CommandContext context)
     if (parser.isSet(QStringLiteral("downloads"))) {
         bool ok = false;
         options.maxDownloads = parser.value(QStringLiteral("downloads")).toLongLong(&ok);
-        if (!ok || options.maxDownloads < 0) {
-            CommandContext::printError(QStringLiteral("--downloads takes a whole number."));
+        // The service keeps the limit in 32 bits; a larger number must not wrap around.
+        if (!ok || options.maxDownloads < 0 ||
+            options.maxDownloads > std::numeric_limits<qint32>::max()) {
+            CommandContext::printError(
+                QStringLiteral("--downloads takes a whole number from 0 to 2147483647."));
             co_return CommandContext::kUsage;
         }
     }

@@ -15,6 +15,7 @@
 #include <QUuid>
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 namespace lofthaven {
@@ -92,7 +93,9 @@ CreateTransferBody Uploader::createBody() const
     if (!m_options.message.isEmpty())
         body.message = firstGraphemes(m_options.message, 1000);
     body.expiresIn = m_options.expiresIn;
-    body.maxDownloads = m_options.maxDownloads;
+    if (m_options.maxDownloads < 0 || m_options.maxDownloads > std::numeric_limits<qint32>::max())
+        throw AppError(QStringLiteral("The download limit must be between 0 and 2147483647."));
+    body.maxDownloads = int(m_options.maxDownloads);
     if (!m_options.password.isEmpty())
         body.password = m_options.password;
     body.partSize = m_wantedPartSize;

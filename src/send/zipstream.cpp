@@ -124,6 +124,10 @@ std::optional<QByteArray> ZipStream::next()
         case Stage::Body: {
             if (m_remaining == 0) {
                 m_file->close();
+                // A failed close can be the only sign of a read error on some file systems.
+                if (m_file->error() != QFileDevice::NoError)
+                    throw AppError(u"Can't read " + m_items.at(m_index).name + u": " +
+                                   m_file->errorString());
                 m_file.reset();
                 m_stage = Stage::Descriptor;
                 continue;

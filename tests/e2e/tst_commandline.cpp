@@ -85,6 +85,8 @@ private Q_SLOTS:
             << QStringList{"receive", "123456", "654321"} << 2 << "one code or link";
         QTest::newRow("expiry not offered")
             << QStringList{"send", "--expires", "5", "x"} << 2 << "--expires";
+        QTest::newRow("download limit beyond 32 bits")
+            << QStringList{"send", "--downloads", "4294967297", "x"} << 2 << "--downloads";
         QTest::newRow("missing file") << QStringList{"send", "/nonexistent/x"} << 1 << "";
         QTest::newRow("unknown code") << QStringList{"receive", "000002"} << 1
                                       << "No active transfer uses that code or link.";

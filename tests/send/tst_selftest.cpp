@@ -106,6 +106,8 @@ void TestSelfTest::run_data()
     row("tool cannot be launched", offline, {"LOFTHAVEN_UNZIP=/nonexistent/unzip"},
         kOfflineLines.mid(0, 3) + QStringList{"SELFTEST FAILED: Can't run /nonexistent/unzip: …"},
         1);
+    row("--origin and its value are not the folder",
+        {"--selftest-offline", "--origin", "http://127.0.0.1:9", "@"}, {}, passes, 0);
     // Without a folder argument the root goes once the run is over.
     row("without a folder", {"--selftest-offline"}, {}, passes, 0);
     row("refused origin fails before any check", {"--selftest"},

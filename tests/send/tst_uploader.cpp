@@ -129,6 +129,10 @@ private Q_SLOTS:
         const QJsonObject body = uploader.createBody().toJson();
         QCOMPARE(body.value(QStringLiteral("files")).toArray().size(), 500);
         QCOMPARE(body.value(QStringLiteral("title")).toString().size(), 120);
+        // 120 characters as a person counts them: an accent stays with its letter.
+        options.title = QString(119, u't') + u"e\u0301xyz";
+        QCOMPARE(Uploader(APIClient(), plan, options, m_dir.path(), nullptr).createBody().title,
+                 QString(119, u't') + u"e\u0301");
         QVERIFY(!body.contains(QStringLiteral("message")));
         QVERIFY(!body.contains(QStringLiteral("password")));
         QCOMPARE(body.value(QStringLiteral("partSize")).toInteger(), 16 * 1024 * 1024);
