@@ -93,6 +93,8 @@ def main():
     elif case == "nul-name":
         write(out, [("nulXhidden.txt", b"hidden\n")])
         patch_name(out, b"nulXhidden.txt", b"nul\x00hidden.txt")
+    elif case == "big-stored":  # 256 KiB that does not compress, stored
+        write(out, [("big.bin", bytes((i * 7919 + i // 251) % 256 for i in range(256 * 1024)))])
     elif case == "bad-crc":  # the stored bytes changed after the CRC was written
         write(out, [("a.txt", b"stored bytes\n")])
         raw = open(out, "rb").read()
