@@ -37,6 +37,9 @@ void TestFileNames::safeFileName_data()
     QTest::newRow("NUL inside") << QString(u"evil"_s + QChar(0) + u".txt"_s) << u"evil.txt"_s;
     QTest::newRow("only NUL") << QString(QChar(0)) << u"download"_s;
     QTest::newRow("control characters") << u"a\u0007b\u001bc\u007f.txt"_s << u"abc.txt"_s;
+    QTest::newRow("right-to-left override") << u"invoice\u202Efdp.exe"_s << u"invoicefdp.exe"_s;
+    QTest::newRow("isolates and C1 controls")
+        << u"\u2066a\u2069b\u0085c\u009b.txt"_s << u"abc.txt"_s;
     QTest::newRow("newline inside") << u"line1\nline2.txt"_s << u"line1line2.txt"_s;
     QTest::newRow("trailing newline") << u"name.txt\n"_s << u"name.txt"_s;
     QTest::newRow("only spaces") << u"     "_s << u"download"_s;
