@@ -11,6 +11,8 @@
 #include "platform/waitfortask.h"
 #include "receive/downloadtopartial.h"
 #include "receive/lookup.h"
+#include "send/sendplan.h"
+#include "send/uploader.h"
 
 #include <QDirIterator>
 #include <QTemporaryDir>
@@ -168,6 +170,50 @@ private Q_SLOTS:
         const QStringList written = filesUnder(root.path());
         for (const QString &file : written)
             QVERIFY2(file.startsWith(u"cache/downloads/"_s), qPrintable(file));
+    }
+
+    // Redirects are never followed for a part (it carries the owner token), and retrying one
+    // would only ask again for the same answer.
+    void partRedirectFailsAtOnce()
+    {
+        std::atomic<int> puts{0};
+        TestHttpServer server([&](const httplib::Request &request, httplib::Response &response) {
+            if (request.method == "POST" && request.path == "/api/transfers") {
+                response.set_content("{\"id\":\"Up123456\",\"code\":\"123456\",\"ownerToken\":"
+                                     "\"secret\",\"partSize\":1048576,\"partCount\":1,\"url\":"
+                                     "\"http://x/d/Up123456\",\"expiresAt\":1e12}",
+                                     "application/json");
+            } else if (request.method == "PUT") {
+                ++puts;
+                response.set_redirect("http://127.0.0.1:9/elsewhere", 307);
+            } else {
+                response.set_content("{\"ok\":true}", "application/json");
+            }
+        });
+        ServiceOrigin::configure({u"lofthaven"_s, u"--origin"_s, server.origin()});
+        QTemporaryDir root;
+        QVERIFY(root.isValid());
+        QVERIFY(testing::writeFile(root.filePath(u"a.bin"_s), "some bytes"));
+
+        SendOptions options;
+        options.expiresIn = 3600;
+        Uploader uploader(APIClient(), SendPlan::make({root.filePath(u"a.bin"_s)}), options,
+                          root.filePath(u"spill"_s), std::make_shared<ProgressCounter>());
+        int sleeps = 0;
+        uploader.setSleeper([&](std::chrono::milliseconds, std::stop_token) -> QCoro::Task<bool> {
+            ++sleeps;
+            co_return true;
+        });
+        QString outcome;
+        try {
+            auto uploading = uploader.run();
+            waitForTask(std::move(uploading));
+        } catch (...) {
+            outcome = userMessage(std::current_exception());
+        }
+        QCOMPARE(outcome, u"Request failed (HTTP 307)."_s);
+        QCOMPARE(puts.load(), 1);
+        QCOMPARE(sleeps, 0);
     }
 };
 
