@@ -5,6 +5,7 @@
 #include <QJsonValue>
 
 #include <limits>
+#include <tuple>
 #include <type_traits>
 
 namespace lofthaven {
@@ -12,182 +13,424 @@ namespace lofthaven {
 namespace {
 
 template<typename T>
-struct IsList : std::false_type
-{
-};
+constexpr bool kIsList = false;
 template<typename T>
-struct IsList<QList<T>> : std::true_type
+constexpr bool kIsList<QList<T>> = true;
+
+template<typename T>
+constexpr bool kIsOptional = false;
+template<typename T>
+constexpr bool kIsOptional<std::optional<T>> = true;
+
+// One entry of a record's field list: its key, its member, and whether a value below zero is
+// refused. Whether it may be absent follows from the member's type: std::optional members are
+// optional, every other member is required.
+template<typename R, typename T>
+struct Field
 {
+    const char *key;
+    T R::*member;
+    bool nonNegative;
 };
 
-[[noreturn]] void wrongType(const char *record, const QString &field, const char *expected)
+template<typename R, typename T>
+constexpr Field<R, T> field(const char *key, T R::*member)
 {
-    throw DecodeError(QString::fromLatin1(record), field,
-                      QStringLiteral("is not %1").arg(QLatin1String(expected)));
+    return {key, member, false};
+}
+
+// Sizes and counts: a negative one would turn size checks and limits off downstream.
+template<typename R, typename T>
+constexpr Field<R, T> amount(const char *key, T R::*member)
+{
+    return {key, member, true};
+}
+
+[[noreturn]] void fail(const char *record, const QString &key, const QString &problem)
+{
+    throw DecodeError(QString::fromLatin1(record), key, problem);
+}
+
+[[noreturn]] void wrongType(const char *record, const QString &key, const char *expected)
+{
+    fail(record, key, QStringLiteral("is not %1").arg(QLatin1String(expected)));
 }
 
 template<typename T>
-T convert(const QJsonValue &value, const char *record, const QString &field)
+T convert(const QJsonValue &value, const char *record, const QString &key)
 {
     if constexpr (std::is_same_v<T, QString>) {
         if (!value.isString())
-            wrongType(record, field, "a string");
+            wrongType(record, key, "a string");
         return value.toString();
     } else if constexpr (std::is_same_v<T, bool>) {
         if (!value.isBool())
-            wrongType(record, field, "true or false");
+            wrongType(record, key, "true or false");
         return value.toBool();
     } else if constexpr (std::is_same_v<T, double>) {
         if (!value.isDouble())
-            wrongType(record, field, "a number");
+            wrongType(record, key, "a number");
         return value.toDouble();
     } else if constexpr (std::is_same_v<T, qint64> || std::is_same_v<T, int>) {
         // Never through double: toInteger() keeps all 64 bits and refuses fractions and
         // numbers that do not fit.
         if (!value.isDouble())
-            wrongType(record, field, "a whole number");
+            wrongType(record, key, "a whole number");
         const qint64 a = value.toInteger(0);
         const qint64 b = value.toInteger(1);
         if (a != b)
-            wrongType(record, field, "a whole number in range");
+            wrongType(record, key, "a whole number in range");
         if constexpr (std::is_same_v<T, int>) {
             if (a < std::numeric_limits<int>::min() || a > std::numeric_limits<int>::max())
-                wrongType(record, field, "a whole number in range");
+                wrongType(record, key, "a whole number in range");
             return int(a);
         } else {
             return a;
         }
     } else if constexpr (std::is_same_v<T, QMap<QString, QString>>) {
         if (!value.isObject())
-            wrongType(record, field, "an object");
+            wrongType(record, key, "an object");
         const QJsonObject object = value.toObject();
         QMap<QString, QString> map;
         for (auto it = object.begin(); it != object.end(); ++it)
-            map.insert(it.key(), convert<QString>(it.value(), record, field + u'.' + it.key()));
+            map.insert(it.key(), convert<QString>(it.value(), record, key + u'.' + it.key()));
         return map;
-    } else if constexpr (IsList<T>::value) {
+    } else if constexpr (kIsList<T>) {
         if (!value.isArray())
-            wrongType(record, field, "a list");
+            wrongType(record, key, "a list");
         const QJsonArray array = value.toArray();
         T list;
         list.reserve(array.size());
         for (qsizetype i = 0; i < array.size(); ++i)
             list.append(convert<typename T::value_type>(array.at(i), record,
-                                                        field + QStringLiteral("[%1]").arg(i)));
+                                                        key + QStringLiteral("[%1]").arg(i)));
         return list;
     } else {
         if (!value.isObject())
-            wrongType(record, field, "an object");
+            wrongType(record, key, "an object");
         return T::fromJson(value.toObject());
     }
 }
 
-class Reader
-{
-public:
-    Reader(const QJsonObject &object, const char *record)
-        : m_object(object)
-        , m_record(record)
-    {}
-
-    template<typename T>
-    void get(const char *key, T &out) const
-    {
-        const QJsonValue value = m_object.value(QLatin1String(key));
-        if (value.isUndefined())
-            throw DecodeError(QString::fromLatin1(m_record), QString::fromLatin1(key),
-                              QStringLiteral("is missing"));
-        out = convert<T>(value, m_record, QString::fromLatin1(key));
-    }
-
-    template<typename T>
-    void get(const char *key, std::optional<T> &out) const
-    {
-        const QJsonValue value = m_object.value(QLatin1String(key));
-        if (value.isUndefined() || value.isNull())
-            out.reset();
-        else
-            out = convert<T>(value, m_record, QString::fromLatin1(key));
-    }
-
-private:
-    const QJsonObject &m_object;
-    const char *m_record;
-};
-
 template<typename T>
 QJsonValue toValue(const T &value)
 {
-    if constexpr (std::is_same_v<T, QString> || std::is_same_v<T, bool> ||
-                  std::is_same_v<T, double> || std::is_same_v<T, qint64> ||
-                  std::is_same_v<T, int>) {
-        return QJsonValue(value);
-    } else if constexpr (std::is_same_v<T, QMap<QString, QString>>) {
+    if constexpr (std::is_same_v<T, QMap<QString, QString>>) {
         QJsonObject object;
         for (auto it = value.begin(); it != value.end(); ++it)
             object.insert(it.key(), it.value());
         return object;
-    } else if constexpr (IsList<T>::value) {
+    } else if constexpr (kIsList<T>) {
         QJsonArray array;
         for (const auto &item : value)
             array.append(toValue(item));
         return array;
-    } else {
+    } else if constexpr (std::is_class_v<T> && !std::is_same_v<T, QString>) {
         return value.toJson();
+    } else {
+        return QJsonValue(value);
     }
 }
 
-class Writer
+template<typename T>
+struct Unwrapped
 {
-public:
-    template<typename T>
-    void put(const char *key, const T &value)
-    {
-        m_object.insert(QLatin1String(key), toValue(value));
-    }
-    template<typename T>
-    void put(const char *key, const std::optional<T> &value)
-    {
-        if (value)
-            put(key, *value);
-    }
-    QJsonObject object() const { return m_object; }
-
-private:
-    QJsonObject m_object;
+    using type = T;
+};
+template<typename T>
+struct Unwrapped<std::optional<T>>
+{
+    using type = T;
 };
 
-// Writes keys in the order they are added, which QJsonObject cannot.
-class OrderedWriter
+template<typename R, typename T>
+void readField(const QJsonObject &object, R &record, const Field<R, T> &f)
 {
-public:
-    template<typename T>
-    void put(const char *key, const T &value)
-    {
-        m_bytes += m_bytes.size() > 1 ? "," : "";
-        m_bytes += scalar(QJsonValue(QLatin1String(key))) + ':' + scalar(toValue(value));
+    using V = typename Unwrapped<T>::type;
+    const QJsonValue value = object.value(QLatin1String(f.key));
+    const QString key = QString::fromLatin1(f.key);
+    if (value.isUndefined() || value.isNull()) {
+        if constexpr (kIsOptional<T>) {
+            (record.*f.member).reset();
+            return;
+        }
+        // A required null falls through to the type check.
+        if (value.isUndefined())
+            fail(R::kRecord, key, QStringLiteral("is missing"));
     }
-    template<typename T>
-    void put(const char *key, const std::optional<T> &value)
-    {
+    V converted = convert<V>(value, R::kRecord, key);
+    if constexpr (std::is_same_v<V, qint64> || std::is_same_v<V, int>) {
+        if (f.nonNegative && converted < 0)
+            fail(R::kRecord, key, QStringLiteral("is below zero"));
+    }
+    record.*f.member = std::move(converted);
+}
+
+// Hands each present field to put(key, value) in field-list order; absent optionals are left out.
+template<typename R, typename T, typename Put>
+void writeField(const R &record, const Field<R, T> &f, Put &put)
+{
+    const T &value = record.*f.member;
+    if constexpr (kIsOptional<T>) {
         if (value)
-            put(key, *value);
+            put(f.key, toValue(*value));
+    } else {
+        put(f.key, toValue(value));
     }
-    QByteArray bytes() const { return m_bytes + '}'; }
+}
 
-private:
-    static QByteArray scalar(const QJsonValue &value)
-    {
-        // QJsonDocument only writes arrays and objects: wrap the value and strip the brackets.
-        const QByteArray wrapped = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
-        return wrapped.mid(1, wrapped.size() - 2);
-    }
-    QByteArray m_bytes = "{";
-};
+template<typename R>
+constexpr auto fieldsOf();
 
-QByteArray compact(const QJsonObject &object)
+template<typename R>
+R readRecord(const QJsonObject &object)
 {
-    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+    R record;
+    std::apply([&](const auto &...f) { (readField(object, record, f), ...); }, fieldsOf<R>());
+    return record;
+}
+
+template<typename R, typename Put>
+void writeRecord(const R &record, Put put)
+{
+    std::apply([&](const auto &...f) { (writeField(record, f, put), ...); }, fieldsOf<R>());
+}
+
+template<typename R>
+QJsonObject jsonObject(const R &record)
+{
+    QJsonObject object;
+    writeRecord(record, [&](const char *key, const QJsonValue &value) {
+        object.insert(QLatin1String(key), value);
+    });
+    return object;
+}
+
+QByteArray compactScalar(const QJsonValue &value)
+{
+    // QJsonDocument only writes arrays and objects: wrap the value and strip the brackets.
+    const QByteArray wrapped = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    return wrapped.mid(1, wrapped.size() - 2);
+}
+
+// Request bodies keep the keys in field-list order, which QJsonObject (sorted) cannot.
+template<typename R>
+QByteArray orderedBytes(const R &record)
+{
+    QByteArray bytes = "{";
+    writeRecord(record, [&](const char *key, const QJsonValue &value) {
+        if (bytes.size() > 1)
+            bytes += ',';
+        bytes += compactScalar(QJsonValue(QLatin1String(key))) + ':' + compactScalar(value);
+    });
+    return bytes + '}';
+}
+
+// The field lists. Keys are the service's names; order is the order request bodies are sent in.
+
+template<>
+constexpr auto fieldsOf<FileEntry>()
+{
+    using R = FileEntry;
+    return std::tuple{field("name", &R::name), amount("size", &R::size)};
+}
+
+template<>
+constexpr auto fieldsOf<TransferMeta>()
+{
+    using R = TransferMeta;
+    return std::tuple{
+        field("id", &R::id),
+        field("name", &R::name),
+        amount("size", &R::size),
+        field("mime", &R::mime),
+        field("isZip", &R::isZip),
+        amount("fileCount", &R::fileCount),
+        field("files", &R::files),
+        field("title", &R::title),
+        field("message", &R::message),
+        field("createdAt", &R::createdAt),
+        field("expiresAt", &R::expiresAt),
+        amount("downloads", &R::downloads),
+        amount("maxDownloads", &R::maxDownloads),
+        field("hasPassword", &R::hasPassword),
+        field("code", &R::code),
+        field("url", &R::url),
+        field("status", &R::status),
+        field("toSelf", &R::toSelf),
+        field("device", &R::device),
+    };
+}
+
+template<>
+constexpr auto fieldsOf<CodeLookup>()
+{
+    return std::tuple{field("id", &CodeLookup::id)};
+}
+
+template<>
+constexpr auto fieldsOf<UnlockResponse>()
+{
+    return std::tuple{field("token", &UnlockResponse::token)};
+}
+
+template<>
+constexpr auto fieldsOf<CreatedTransfer>()
+{
+    using R = CreatedTransfer;
+    return std::tuple{
+        field("id", &R::id),
+        field("code", &R::code),
+        field("ownerToken", &R::ownerToken),
+        amount("partSize", &R::partSize),
+        amount("partCount", &R::partCount),
+        field("url", &R::url),
+        field("codeUrl", &R::codeUrl),
+        field("expiresAt", &R::expiresAt),
+    };
+}
+
+template<>
+constexpr auto fieldsOf<PartResponse>()
+{
+    return std::tuple{field("etag", &PartResponse::etag)};
+}
+
+template<>
+constexpr auto fieldsOf<CompletedTransfer>()
+{
+    using R = CompletedTransfer;
+    return std::tuple{
+        field("id", &R::id),           field("code", &R::code),           field("url", &R::url),
+        field("codeUrl", &R::codeUrl), field("expiresAt", &R::expiresAt), amount("size", &R::size),
+    };
+}
+
+template<>
+constexpr auto fieldsOf<ExtendResponse>()
+{
+    return std::tuple{field("expiresAt", &ExtendResponse::expiresAt)};
+}
+
+template<>
+constexpr auto fieldsOf<OKResponse>()
+{
+    return std::tuple{field("ok", &OKResponse::ok)};
+}
+
+template<>
+constexpr auto fieldsOf<InboxResponse>()
+{
+    return std::tuple{field("items", &InboxResponse::items)};
+}
+
+template<>
+constexpr auto fieldsOf<AccountTransfersResponse>()
+{
+    return std::tuple{field("transfers", &AccountTransfersResponse::transfers)};
+}
+
+template<>
+constexpr auto fieldsOf<UserInfo>()
+{
+    using R = UserInfo;
+    return std::tuple{field("id", &R::id), field("email", &R::email), field("name", &R::name),
+                      field("picture", &R::picture)};
+}
+
+template<>
+constexpr auto fieldsOf<Limits>()
+{
+    return std::tuple{amount("maxBytes", &Limits::maxBytes), field("expiries", &Limits::expiries)};
+}
+
+template<>
+constexpr auto fieldsOf<MeResponse>()
+{
+    using R = MeResponse;
+    return std::tuple{field("signedIn", &R::signedIn), field("user", &R::user),
+                      field("plans", &R::plans), field("limits", &R::limits)};
+}
+
+template<>
+constexpr auto fieldsOf<DeviceLoginStart>()
+{
+    using R = DeviceLoginStart;
+    return std::tuple{
+        field("deviceCode", &R::deviceCode), field("userCode", &R::userCode),
+        field("verifyUrl", &R::verifyUrl),   field("verifyUrlComplete", &R::verifyUrlComplete),
+        field("interval", &R::interval),     field("expiresIn", &R::expiresIn),
+    };
+}
+
+template<>
+constexpr auto fieldsOf<DeviceLoginToken>()
+{
+    using R = DeviceLoginToken;
+    return std::tuple{field("token", &R::token), field("user", &R::user),
+                      field("plans", &R::plans), field("limits", &R::limits),
+                      field("error", &R::error), field("message", &R::message)};
+}
+
+template<>
+constexpr auto fieldsOf<ErrorBody>()
+{
+    using R = ErrorBody;
+    return std::tuple{field("error", &R::error), field("message", &R::message),
+                      field("limit", &R::limit)};
+}
+
+template<>
+constexpr auto fieldsOf<UpdateInfo>()
+{
+    using R = UpdateInfo;
+    return std::tuple{field("version", &R::version), field("mac", &R::mac),
+                      field("notes", &R::notes)};
+}
+
+template<>
+constexpr auto fieldsOf<CreateTransferBody>()
+{
+    using R = CreateTransferBody;
+    return std::tuple{
+        field("name", &R::name),           amount("size", &R::size),
+        field("mime", &R::mime),           field("files", &R::files),
+        field("title", &R::title),         field("message", &R::message),
+        field("expiresIn", &R::expiresIn), amount("maxDownloads", &R::maxDownloads),
+        field("password", &R::password),   amount("partSize", &R::partSize),
+        field("source", &R::source),       field("toSelf", &R::toSelf),
+        field("device", &R::device),
+    };
+}
+
+template<>
+constexpr auto fieldsOf<PartETag>()
+{
+    return std::tuple{field("partNumber", &PartETag::partNumber), field("etag", &PartETag::etag)};
+}
+
+template<>
+constexpr auto fieldsOf<CompleteBody>()
+{
+    return std::tuple{field("parts", &CompleteBody::parts)};
+}
+
+template<>
+constexpr auto fieldsOf<PasswordBody>()
+{
+    return std::tuple{field("password", &PasswordBody::password)};
+}
+
+template<>
+constexpr auto fieldsOf<DeviceLoginBody>()
+{
+    return std::tuple{field("name", &DeviceLoginBody::name)};
+}
+
+template<>
+constexpr auto fieldsOf<DevicePollBody>()
+{
+    return std::tuple{field("deviceCode", &DevicePollBody::deviceCode)};
 }
 
 } // namespace
@@ -197,510 +440,55 @@ QJsonObject parseJsonObject(const QByteArray &body, const char *record)
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(body, &error);
     if (error.error != QJsonParseError::NoError)
-        throw DecodeError(QString::fromLatin1(record), QString(),
-                          QStringLiteral("is not valid JSON: %1").arg(error.errorString()));
+        fail(record, QString(), QStringLiteral("is not valid JSON: %1").arg(error.errorString()));
     if (!document.isObject())
-        throw DecodeError(QString::fromLatin1(record), QString(),
-                          QStringLiteral("is not a JSON object"));
+        fail(record, QString(), QStringLiteral("is not a JSON object"));
     return document.object();
 }
 
-FileEntry FileEntry::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    FileEntry v;
-    r.get("name", v.name);
-    r.get("size", v.size);
-    return v;
-}
+// Every record decodes and encodes by walking its field list.
+#define LOFTHAVEN_RECORD(R)                                                                        \
+    R R::fromJson(const QJsonObject &object)                                                       \
+    {                                                                                              \
+        return readRecord<R>(object);                                                              \
+    }                                                                                              \
+    QJsonObject R::toJson() const                                                                  \
+    {                                                                                              \
+        return jsonObject(*this);                                                                  \
+    }
+#define LOFTHAVEN_REQUEST(R)                                                                       \
+    LOFTHAVEN_RECORD(R)                                                                            \
+    QByteArray R::encode() const                                                                   \
+    {                                                                                              \
+        return orderedBytes(*this);                                                                \
+    }
 
-QJsonObject FileEntry::toJson() const
-{
-    Writer w;
-    w.put("name", name);
-    w.put("size", size);
-    return w.object();
-}
+LOFTHAVEN_RECORD(FileEntry)
+LOFTHAVEN_RECORD(TransferMeta)
+LOFTHAVEN_RECORD(CodeLookup)
+LOFTHAVEN_RECORD(UnlockResponse)
+LOFTHAVEN_RECORD(CreatedTransfer)
+LOFTHAVEN_RECORD(PartResponse)
+LOFTHAVEN_RECORD(CompletedTransfer)
+LOFTHAVEN_RECORD(ExtendResponse)
+LOFTHAVEN_RECORD(OKResponse)
+LOFTHAVEN_RECORD(InboxResponse)
+LOFTHAVEN_RECORD(AccountTransfersResponse)
+LOFTHAVEN_RECORD(UserInfo)
+LOFTHAVEN_RECORD(Limits)
+LOFTHAVEN_RECORD(MeResponse)
+LOFTHAVEN_RECORD(DeviceLoginStart)
+LOFTHAVEN_RECORD(DeviceLoginToken)
+LOFTHAVEN_RECORD(ErrorBody)
+LOFTHAVEN_RECORD(UpdateInfo)
+LOFTHAVEN_RECORD(PartETag)
+LOFTHAVEN_REQUEST(CreateTransferBody)
+LOFTHAVEN_REQUEST(CompleteBody)
+LOFTHAVEN_REQUEST(PasswordBody)
+LOFTHAVEN_REQUEST(DeviceLoginBody)
+LOFTHAVEN_REQUEST(DevicePollBody)
 
-TransferMeta TransferMeta::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    TransferMeta v;
-    r.get("id", v.id);
-    r.get("name", v.name);
-    r.get("size", v.size);
-    r.get("mime", v.mime);
-    r.get("isZip", v.isZip);
-    r.get("fileCount", v.fileCount);
-    r.get("files", v.files);
-    r.get("title", v.title);
-    r.get("message", v.message);
-    r.get("createdAt", v.createdAt);
-    r.get("expiresAt", v.expiresAt);
-    r.get("downloads", v.downloads);
-    r.get("maxDownloads", v.maxDownloads);
-    r.get("hasPassword", v.hasPassword);
-    r.get("code", v.code);
-    r.get("url", v.url);
-    r.get("status", v.status);
-    r.get("toSelf", v.toSelf);
-    r.get("device", v.device);
-    return v;
-}
-
-QJsonObject TransferMeta::toJson() const
-{
-    Writer w;
-    w.put("id", id);
-    w.put("name", name);
-    w.put("size", size);
-    w.put("mime", mime);
-    w.put("isZip", isZip);
-    w.put("fileCount", fileCount);
-    w.put("files", files);
-    w.put("title", title);
-    w.put("message", message);
-    w.put("createdAt", createdAt);
-    w.put("expiresAt", expiresAt);
-    w.put("downloads", downloads);
-    w.put("maxDownloads", maxDownloads);
-    w.put("hasPassword", hasPassword);
-    w.put("code", code);
-    w.put("url", url);
-    w.put("status", status);
-    w.put("toSelf", toSelf);
-    w.put("device", device);
-    return w.object();
-}
-
-CodeLookup CodeLookup::fromJson(const QJsonObject &object)
-{
-    CodeLookup v;
-    Reader(object, kRecord).get("id", v.id);
-    return v;
-}
-
-QJsonObject CodeLookup::toJson() const
-{
-    return QJsonObject{{QStringLiteral("id"), id}};
-}
-
-UnlockResponse UnlockResponse::fromJson(const QJsonObject &object)
-{
-    UnlockResponse v;
-    Reader(object, kRecord).get("token", v.token);
-    return v;
-}
-
-QJsonObject UnlockResponse::toJson() const
-{
-    return QJsonObject{{QStringLiteral("token"), token}};
-}
-
-CreatedTransfer CreatedTransfer::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    CreatedTransfer v;
-    r.get("id", v.id);
-    r.get("code", v.code);
-    r.get("ownerToken", v.ownerToken);
-    r.get("partSize", v.partSize);
-    r.get("partCount", v.partCount);
-    r.get("url", v.url);
-    r.get("codeUrl", v.codeUrl);
-    r.get("expiresAt", v.expiresAt);
-    return v;
-}
-
-QJsonObject CreatedTransfer::toJson() const
-{
-    Writer w;
-    w.put("id", id);
-    w.put("code", code);
-    w.put("ownerToken", ownerToken);
-    w.put("partSize", partSize);
-    w.put("partCount", partCount);
-    w.put("url", url);
-    w.put("codeUrl", codeUrl);
-    w.put("expiresAt", expiresAt);
-    return w.object();
-}
-
-PartResponse PartResponse::fromJson(const QJsonObject &object)
-{
-    PartResponse v;
-    Reader(object, kRecord).get("etag", v.etag);
-    return v;
-}
-
-QJsonObject PartResponse::toJson() const
-{
-    return QJsonObject{{QStringLiteral("etag"), etag}};
-}
-
-CompletedTransfer CompletedTransfer::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    CompletedTransfer v;
-    r.get("id", v.id);
-    r.get("code", v.code);
-    r.get("url", v.url);
-    r.get("codeUrl", v.codeUrl);
-    r.get("expiresAt", v.expiresAt);
-    r.get("size", v.size);
-    return v;
-}
-
-QJsonObject CompletedTransfer::toJson() const
-{
-    Writer w;
-    w.put("id", id);
-    w.put("code", code);
-    w.put("url", url);
-    w.put("codeUrl", codeUrl);
-    w.put("expiresAt", expiresAt);
-    w.put("size", size);
-    return w.object();
-}
-
-ExtendResponse ExtendResponse::fromJson(const QJsonObject &object)
-{
-    ExtendResponse v;
-    Reader(object, kRecord).get("expiresAt", v.expiresAt);
-    return v;
-}
-
-QJsonObject ExtendResponse::toJson() const
-{
-    return QJsonObject{{QStringLiteral("expiresAt"), expiresAt}};
-}
-
-OKResponse OKResponse::fromJson(const QJsonObject &object)
-{
-    OKResponse v;
-    Reader(object, kRecord).get("ok", v.ok);
-    return v;
-}
-
-QJsonObject OKResponse::toJson() const
-{
-    Writer w;
-    w.put("ok", ok);
-    return w.object();
-}
-
-InboxResponse InboxResponse::fromJson(const QJsonObject &object)
-{
-    InboxResponse v;
-    Reader(object, kRecord).get("items", v.items);
-    return v;
-}
-
-QJsonObject InboxResponse::toJson() const
-{
-    Writer w;
-    w.put("items", items);
-    return w.object();
-}
-
-AccountTransfersResponse AccountTransfersResponse::fromJson(const QJsonObject &object)
-{
-    AccountTransfersResponse v;
-    Reader(object, kRecord).get("transfers", v.transfers);
-    return v;
-}
-
-QJsonObject AccountTransfersResponse::toJson() const
-{
-    Writer w;
-    w.put("transfers", transfers);
-    return w.object();
-}
-
-UserInfo UserInfo::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    UserInfo v;
-    r.get("id", v.id);
-    r.get("email", v.email);
-    r.get("name", v.name);
-    r.get("picture", v.picture);
-    return v;
-}
-
-QJsonObject UserInfo::toJson() const
-{
-    Writer w;
-    w.put("id", id);
-    w.put("email", email);
-    w.put("name", name);
-    w.put("picture", picture);
-    return w.object();
-}
-
-Limits Limits::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    Limits v;
-    r.get("maxBytes", v.maxBytes);
-    r.get("expiries", v.expiries);
-    return v;
-}
-
-QJsonObject Limits::toJson() const
-{
-    Writer w;
-    w.put("maxBytes", maxBytes);
-    w.put("expiries", expiries);
-    return w.object();
-}
-
-MeResponse MeResponse::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    MeResponse v;
-    r.get("signedIn", v.signedIn);
-    r.get("user", v.user);
-    r.get("plans", v.plans);
-    r.get("limits", v.limits);
-    return v;
-}
-
-QJsonObject MeResponse::toJson() const
-{
-    Writer w;
-    w.put("signedIn", signedIn);
-    w.put("user", user);
-    w.put("plans", plans);
-    w.put("limits", limits);
-    return w.object();
-}
-
-DeviceLoginStart DeviceLoginStart::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    DeviceLoginStart v;
-    r.get("deviceCode", v.deviceCode);
-    r.get("userCode", v.userCode);
-    r.get("verifyUrl", v.verifyUrl);
-    r.get("verifyUrlComplete", v.verifyUrlComplete);
-    r.get("interval", v.interval);
-    r.get("expiresIn", v.expiresIn);
-    return v;
-}
-
-QJsonObject DeviceLoginStart::toJson() const
-{
-    Writer w;
-    w.put("deviceCode", deviceCode);
-    w.put("userCode", userCode);
-    w.put("verifyUrl", verifyUrl);
-    w.put("verifyUrlComplete", verifyUrlComplete);
-    w.put("interval", interval);
-    w.put("expiresIn", expiresIn);
-    return w.object();
-}
-
-DeviceLoginToken DeviceLoginToken::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    DeviceLoginToken v;
-    r.get("token", v.token);
-    r.get("user", v.user);
-    r.get("plans", v.plans);
-    r.get("limits", v.limits);
-    r.get("error", v.error);
-    r.get("message", v.message);
-    return v;
-}
-
-QJsonObject DeviceLoginToken::toJson() const
-{
-    Writer w;
-    w.put("token", token);
-    w.put("user", user);
-    w.put("plans", plans);
-    w.put("limits", limits);
-    w.put("error", error);
-    w.put("message", message);
-    return w.object();
-}
-
-ErrorBody ErrorBody::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    ErrorBody v;
-    r.get("error", v.error);
-    r.get("message", v.message);
-    r.get("limit", v.limit);
-    return v;
-}
-
-QJsonObject ErrorBody::toJson() const
-{
-    Writer w;
-    w.put("error", error);
-    w.put("message", message);
-    w.put("limit", limit);
-    return w.object();
-}
-
-UpdateInfo UpdateInfo::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    UpdateInfo v;
-    r.get("version", v.version);
-    r.get("mac", v.mac);
-    r.get("notes", v.notes);
-    return v;
-}
-
-QJsonObject UpdateInfo::toJson() const
-{
-    Writer w;
-    w.put("version", version);
-    w.put("mac", mac);
-    w.put("notes", notes);
-    return w.object();
-}
-
-CreateTransferBody CreateTransferBody::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    CreateTransferBody v;
-    r.get("name", v.name);
-    r.get("size", v.size);
-    r.get("mime", v.mime);
-    r.get("files", v.files);
-    r.get("title", v.title);
-    r.get("message", v.message);
-    r.get("expiresIn", v.expiresIn);
-    r.get("maxDownloads", v.maxDownloads);
-    r.get("password", v.password);
-    r.get("partSize", v.partSize);
-    r.get("source", v.source);
-    r.get("toSelf", v.toSelf);
-    r.get("device", v.device);
-    return v;
-}
-
-template<typename W>
-static void writeCreateTransferBody(W &w, const CreateTransferBody &b)
-{
-    w.put("name", b.name);
-    w.put("size", b.size);
-    w.put("mime", b.mime);
-    w.put("files", b.files);
-    w.put("title", b.title);
-    w.put("message", b.message);
-    w.put("expiresIn", b.expiresIn);
-    w.put("maxDownloads", b.maxDownloads);
-    w.put("password", b.password);
-    w.put("partSize", b.partSize);
-    w.put("source", b.source);
-    w.put("toSelf", b.toSelf);
-    w.put("device", b.device);
-}
-
-QJsonObject CreateTransferBody::toJson() const
-{
-    Writer w;
-    writeCreateTransferBody(w, *this);
-    return w.object();
-}
-
-QByteArray CreateTransferBody::encode() const
-{
-    OrderedWriter w;
-    writeCreateTransferBody(w, *this);
-    return w.bytes();
-}
-
-PartETag PartETag::fromJson(const QJsonObject &object)
-{
-    const Reader r(object, kRecord);
-    PartETag v;
-    r.get("partNumber", v.partNumber);
-    r.get("etag", v.etag);
-    return v;
-}
-
-QJsonObject PartETag::toJson() const
-{
-    Writer w;
-    w.put("partNumber", partNumber);
-    w.put("etag", etag);
-    return w.object();
-}
-
-CompleteBody CompleteBody::fromJson(const QJsonObject &object)
-{
-    CompleteBody v;
-    Reader(object, kRecord).get("parts", v.parts);
-    return v;
-}
-
-QJsonObject CompleteBody::toJson() const
-{
-    Writer w;
-    w.put("parts", parts);
-    return w.object();
-}
-
-QByteArray CompleteBody::encode() const
-{
-    return compact(toJson());
-}
-
-PasswordBody PasswordBody::fromJson(const QJsonObject &object)
-{
-    PasswordBody v;
-    Reader(object, kRecord).get("password", v.password);
-    return v;
-}
-
-QJsonObject PasswordBody::toJson() const
-{
-    return QJsonObject{{QStringLiteral("password"), password}};
-}
-
-QByteArray PasswordBody::encode() const
-{
-    return compact(toJson());
-}
-
-DeviceLoginBody DeviceLoginBody::fromJson(const QJsonObject &object)
-{
-    DeviceLoginBody v;
-    Reader(object, kRecord).get("name", v.name);
-    return v;
-}
-
-QJsonObject DeviceLoginBody::toJson() const
-{
-    return QJsonObject{{QStringLiteral("name"), name}};
-}
-
-QByteArray DeviceLoginBody::encode() const
-{
-    return compact(toJson());
-}
-
-DevicePollBody DevicePollBody::fromJson(const QJsonObject &object)
-{
-    DevicePollBody v;
-    Reader(object, kRecord).get("deviceCode", v.deviceCode);
-    return v;
-}
-
-QJsonObject DevicePollBody::toJson() const
-{
-    return QJsonObject{{QStringLiteral("deviceCode"), deviceCode}};
-}
-
-QByteArray DevicePollBody::encode() const
-{
-    return compact(toJson());
-}
+#undef LOFTHAVEN_REQUEST
+#undef LOFTHAVEN_RECORD
 
 } // namespace lofthaven

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "send/progresscounter.h"
-#include "send/speedmeter.h"
+#include "platform/progresscounter.h"
+#include "platform/speedmeter.h"
 
 #include <QElapsedTimer>
 #include <QString>

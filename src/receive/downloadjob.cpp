@@ -3,10 +3,10 @@
 #include "api/cancelled.h"
 #include "api/usermessage.h"
 #include "platform/runinpool.h"
+#include "platform/speedmeter.h"
 #include "receive/downloadtopartial.h"
 #include "receive/moveintoplace.h"
 #include "receive/unzipinplace.h"
-#include "send/speedmeter.h"
 
 #include <QPointer>
 #include <QTimer>

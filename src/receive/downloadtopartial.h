@@ -1,7 +1,7 @@
 #pragma once
 
 #include "api/apiclient.h"
-#include "send/progresscounter.h"
+#include "platform/progresscounter.h"
 
 #include <QCoroTask>
 

@@ -5,7 +5,7 @@
 namespace lofthaven {
 
 // What one upload part's bytes are: a range of the source file (single-file sends, read at
-// send time with readRange) or the whole of a spilled part file (archives).
+// send time by the transport) or the whole of a spilled part file (archives).
 struct PartPayload
 {
     enum class Kind

@@ -2,7 +2,7 @@
 
 #include "api/apiclient.h"
 #include "api/wirerecords.h"
-#include "send/progresscounter.h"
+#include "platform/progresscounter.h"
 #include "send/sendoptions.h"
 #include "send/sendplan.h"
 

@@ -55,6 +55,26 @@ private Q_SLOTS:
         addRow<TransferMeta>("size beyond 64 bits",
                              R"({"id":"a","name":"n","size":99999999999999999999})",
                              "TransferMeta.size");
+        // A negative announced size would turn the size checks off downstream.
+        addRow<TransferMeta>("size zero", R"({"id":"a","name":"n","size":0})", "");
+        addRow<TransferMeta>("size below zero", R"({"id":"a","name":"n","size":-1})",
+                             "TransferMeta.size");
+        addRow<TransferMeta>("file size below zero",
+                             R"({"id":"a","name":"n","size":1,"files":[{"name":"x","size":-5}]})",
+                             "FileEntry.size");
+        addRow<TransferMeta>("optional count below zero",
+                             R"({"id":"a","name":"n","size":1,"maxDownloads":-1})",
+                             "TransferMeta.maxDownloads");
+        addRow<CreatedTransfer>(
+            "part size below zero",
+            R"({"id":"a","code":"1","ownerToken":"o","partSize":-1,"partCount":1,"url":"u",)"
+            R"("expiresAt":1})",
+            "CreatedTransfer.partSize");
+        addRow<CompletedTransfer>("completed size below zero",
+                                  R"({"id":"a","code":"1","url":"u","expiresAt":1,"size":-9})",
+                                  "CompletedTransfer.size");
+        addRow<MeResponse>("limit below zero", R"({"limits":{"maxBytes":-1,"expiries":[]}})",
+                           "Limits.maxBytes");
         addRow<TransferMeta>("fileCount beyond int",
                              R"({"id":"a","name":"n","size":1,"fileCount":4294967296})",
                              "TransferMeta.fileCount");

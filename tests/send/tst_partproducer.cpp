@@ -1,6 +1,5 @@
 #include "api/apperror.h"
 #include "send/partproducer.h"
-#include "send/readrange.h"
 #include "send/sendplan.h"
 #include "send/zipstream.h"
 #include "testdata.h"
@@ -20,8 +19,6 @@ private Q_SLOTS:
     void spilledParts();
     void fileRanges_data();
     void fileRanges();
-    void readRange_data();
-    void readRange();
     void streamErrorsPassThrough();
     void spillFolderMustBeCreatable();
     void spillFileIsReplaced();
@@ -137,7 +134,7 @@ void TestPartProducer::fileRanges()
         QCOMPARE(part->path, plan.items.first().path);
         gotOffsets.append(part->offset);
         gotLengths.append(part->length);
-        joined += lofthaven::readRange(part->path, part->offset, part->length);
+        joined += readFile(part->path).mid(part->offset, part->length);
     }
     QCOMPARE(gotOffsets, offsets);
     QCOMPARE(gotLengths, lengths);
@@ -146,44 +143,6 @@ void TestPartProducer::fileRanges()
     QVERIFY(!producer.next(99));
     // A single file is never copied: no spill folder at all.
     QVERIFY(!QFileInfo::exists(spill));
-}
-
-void TestPartProducer::readRange_data()
-{
-    QTest::addColumn<qint64>("truncateTo"); // -1: leave; -2: delete
-    QTest::addColumn<qint64>("offset");
-    QTest::addColumn<qint64>("length");
-    QTest::addColumn<QString>("error");
-    QTest::newRow("middle") << qint64(-1) << qint64(100) << qint64(50) << "";
-    QTest::newRow("to the end") << qint64(-1) << qint64(900) << qint64(100) << "";
-    QTest::newRow("shrunk before the range")
-        << qint64(500) << qint64(900) << qint64(100) << "clip ✓.mov changed while sending.";
-    QTest::newRow("shrunk inside the range")
-        << qint64(950) << qint64(900) << qint64(100) << "clip ✓.mov changed while sending.";
-    QTest::newRow("gone") << qint64(-2) << qint64(0) << qint64(1) << "No such file or directory";
-}
-
-void TestPartProducer::readRange()
-{
-    QFETCH(qint64, truncateTo);
-    QFETCH(qint64, offset);
-    QFETCH(qint64, length);
-    QFETCH(QString, error);
-    QTemporaryDir dir;
-    const QString path = dir.filePath(u"clip ✓.mov"_s);
-    const QByteArray bytes = randomBytes(1000);
-    QVERIFY(writeFile(path, bytes));
-    if (truncateTo >= 0)
-        QVERIFY(QFile::resize(path, truncateTo));
-    if (truncateTo == -2)
-        QVERIFY(QFile::remove(path));
-    try {
-        const QByteArray got = lofthaven::readRange(path, offset, length);
-        QVERIFY2(error.isEmpty(), "the read should have failed");
-        QVERIFY(got == bytes.mid(offset, length));
-    } catch (const AppError &e) {
-        QCOMPARE(e.message(), error);
-    }
 }
 
 void TestPartProducer::streamErrorsPassThrough()

@@ -1,4 +1,4 @@
-#include "send/speedmeter.h"
+#include "platform/speedmeter.h"
 
 namespace lofthaven {
 

@@ -1,4 +1,4 @@
-#include "send/progresscounter.h"
+#include "platform/progresscounter.h"
 
 namespace lofthaven {
 

@@ -1,5 +1,5 @@
-#include "send/progresscounter.h"
-#include "send/speedmeter.h"
+#include "platform/progresscounter.h"
+#include "platform/speedmeter.h"
 
 #include <QTest>
 
