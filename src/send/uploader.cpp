@@ -3,6 +3,7 @@
 #include "api/apierror.h"
 #include "api/apperror.h"
 #include "api/cancelled.h"
+#include "platform/devicename.h"
 #include "platform/displaytext.h"
 #include "platform/runinpool.h"
 #include "platform/stoppablesleep.h"
@@ -102,8 +103,8 @@ CreateTransferBody Uploader::createBody() const
     body.source = m_source;
     if (m_options.toSelf) {
         body.toSelf = true;
-        if (!m_device.isEmpty())
-            body.device = m_device;
+        // The inbox on the user's other devices says where the file came from.
+        body.device = m_device.isEmpty() ? deviceName() : m_device;
     }
     return body;
 }

@@ -6,6 +6,7 @@
 #include "api/serviceorigin.h"
 #include "api/usermessage.h"
 #include "localservice.h"
+#include "platform/devicename.h"
 #include "platform/waitfortask.h"
 #include "send/sendplan.h"
 #include "send/uploader.h"
@@ -143,6 +144,12 @@ private Q_SLOTS:
         const QJsonObject plain =
             Uploader(APIClient(), single, bare, m_dir.path(), nullptr).createBody().toJson();
         QVERIFY(!plain.contains(QStringLiteral("title")));
+        QVERIFY(!plain.contains(QStringLiteral("device")));
+        bare.toSelf = true;
+        const CreateTransferBody toDevices =
+            Uploader(APIClient(), single, bare, m_dir.path(), nullptr).createBody();
+        QCOMPARE(toDevices.device, deviceName());
+        QVERIFY(toDevices.device->startsWith(u"Lofthaven for Linux ("));
         QCOMPARE(plain.value(QStringLiteral("mime")).toString(), "application/octet-stream");
     }
 
