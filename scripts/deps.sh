@@ -15,6 +15,10 @@ packages=(
   # private session buses, a real keyring and its command-line client for the platform tests
   dbus gnome-keyring libsecret-tools
 )
+if [ "${1:-}" = "--packaging" ]; then
+  packages+=(debhelper dpkg-dev fakeroot lintian desktop-file-utils appstream librsvg2-bin
+             debootstrap rsync systemd)
+fi
 if [ "${1:-}" = "--with-browser" ]; then
   packages+=(chromium python3-websocket)
 fi
