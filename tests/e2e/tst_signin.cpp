@@ -177,6 +177,12 @@ private Q_SLOTS:
         QCOMPARE(filesHolding(token), QStringList());
         QVERIFY(settingsText().contains("cachedMe"));
 
+        const Outcome again = lofthaven({"login", "--no-browser"});
+        QCOMPARE(again.status, 0);
+        QCOMPARE(again.out, QByteArray("Already signed in as ada. Run 'lofthaven logout' to "
+                                       "switch accounts.\n"));
+        QCOMPARE(storedToken(), token);
+
         const Outcome who = lofthaven({"whoami", "--json"});
         QCOMPARE(who.status, 0);
         QCOMPARE(who.lastJson()["user"].toObject()["email"].toString(),
