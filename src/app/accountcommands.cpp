@@ -68,6 +68,23 @@ QCoro::Task<int> loginCommand(CommandContext context)
     AccountSession &session = *context.session;
     const bool asJson = context.parser->isSet(QStringLiteral("json"));
     const bool browser = !context.parser->isSet(QStringLiteral("no-browser"));
+    if (session.token()) {
+        // Still good at the service? Then there is nothing to do; a refused token signs out
+        // here and the sign-in below replaces it.
+        auto refreshing = session.refresh(context.stop);
+        co_await refreshing;
+        if (session.token() && session.me()) {
+            if (asJson)
+                CommandContext::printOut(json(session.me()->toJson()));
+            else
+                CommandContext::printOut(QStringLiteral("Already signed in as ") +
+                                         displayName(*session.me()) +
+                                         QStringLiteral(". Run 'lofthaven logout' to switch "
+                                                        "accounts."));
+            co_return 0;
+        }
+        session.clearNotice();
+    }
 
     const QMetaObject::Connection printing =
         QObject::connect(&session, &AccountSession::signInChanged, &session, [&session, asJson] {

@@ -4,6 +4,7 @@
 #include "api/serviceorigin.h"
 #include "fakepollclock.h"
 #include "platform/credentialstore.h"
+#include "platform/devicename.h"
 #include "platform/preferences.h"
 #include "platform/waitfortask.h"
 #include "testhttpserver.h"
@@ -181,7 +182,11 @@ private Q_SLOTS:
         }
         // The device name goes with the start, every poll with the device code and its type.
         const auto seen = server.seen();
-        QVERIFY(seen.front().body.find("\"name\":\"Lofthaven for Linux (") != std::string::npos);
+        QCOMPARE(QJsonDocument::fromJson(QByteArray::fromStdString(seen.front().body))
+                     .object()
+                     .value("name")
+                     .toString(),
+                 lofthaven::deviceName());
         for (const auto &request : seen) {
             // Sign-in requests go without a token; the refresh afterwards carries it.
             QCOMPARE(request.has("Authorization"), request.path == "/api/me");
@@ -194,6 +199,27 @@ private Q_SLOTS:
                          QStringLiteral("dev-1"));
             }
         }
+    }
+
+    void deviceName_data()
+    {
+        QTest::addColumn<QString>("computer");
+        QTest::addColumn<QString>("name");
+        QTest::newRow("short") << "ada-laptop"
+                               << "Lofthaven for Linux (ada-laptop)";
+        QTest::newRow("exactly 60")
+            << QString(38, 'x') << "Lofthaven for Linux (" + QString(38, 'x') + ")";
+        QTest::newRow("cut to 60, closing parenthesis and all")
+            << QString(39, 'x') << "Lofthaven for Linux (" + QString(39, 'x');
+        QTest::newRow("non-ASCII") << "Ådas Rechner ✓"
+                                   << "Lofthaven for Linux (Ådas Rechner ✓)";
+    }
+    void deviceName()
+    {
+        QFETCH(QString, computer);
+        QFETCH(QString, name);
+        QCOMPARE(deviceNameFor(computer), name);
+        QCOMPARE(deviceNameFor(computer).size() <= 60, true);
     }
 
     void approvalPage_data()
