@@ -14,6 +14,8 @@ packages=(
   unzip libarchive-tools p7zip-full python3 curl openssl procps
   # private session buses, a real keyring and its command-line client for the platform tests
   dbus gnome-keyring libsecret-tools zbar-tools desktop-file-utils
+  # fuzzing (scripts/fuzz.sh): clang, its libFuzzer and sanitizer runtimes, llvm-symbolizer
+  clang-14 libclang-rt-14-dev llvm-14
 )
 if [ "${1:-}" = "--packaging" ]; then
   packages+=(debhelper dpkg-dev fakeroot lintian desktop-file-utils appstream librsvg2-bin

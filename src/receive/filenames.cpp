@@ -53,7 +53,8 @@ QString safeFileName(const QString &name)
     result = result.trimmed();
     if (result.startsWith(u'.'))
         result = u'_' + result.mid(1);
-    result = fitUtf8Bytes(firstCodePoints(result, kMaxCharacters), kMaxUtf8Bytes);
+    // Trimmed again: a cut can end the name in a space.
+    result = fitUtf8Bytes(firstCodePoints(result, kMaxCharacters), kMaxUtf8Bytes).trimmed();
     if (result.isEmpty())
         return QStringLiteral("download");
     return result;

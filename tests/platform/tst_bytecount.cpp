@@ -29,6 +29,11 @@ private Q_SLOTS:
         QTest::newRow("4.2 GB") << qint64(4509715661) << "4.2 GB";
         QTest::newRow("1.07 GB") << qint64(1148903751) << "1.07 GB";
         QTest::newRow("1 TB") << (qint64(1) << 40) << "1 TB";
+        QTest::newRow("minus one") << qint64(-1) << "-1 byte";
+        QTest::newRow("minus 1023") << qint64(-1023) << "-1,023 bytes";
+        QTest::newRow("minus 1 KB") << qint64(-1024) << "-1 KB";
+        QTest::newRow("1 MB less half a KB") << qint64(1048576 - 512) << "1 MB";
+        QTest::newRow("largest count") << std::numeric_limits<qint64>::max() << "8 EB";
     }
     void byteCount()
     {
@@ -67,9 +72,12 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("name");
         QTest::addColumn<QString>("mime");
-        QTest::newRow("zip") << "a.zip" << "application/zip";
-        QTest::newRow("pdf upper case") << "REPORT.PDF" << "application/pdf";
-        QTest::newRow("text") << "notes.txt" << "text/plain";
+        QTest::newRow("zip") << "a.zip"
+                             << "application/zip";
+        QTest::newRow("pdf upper case") << "REPORT.PDF"
+                                        << "application/pdf";
+        QTest::newRow("text") << "notes.txt"
+                              << "text/plain";
         QTest::newRow("no extension") << "Makefile-less" << QString();
         QTest::newRow("unknown extension") << "data.qqqzzz" << QString();
     }

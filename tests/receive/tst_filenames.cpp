@@ -47,6 +47,9 @@ void TestFileNames::safeFileName_data()
     QTest::newRow("only slash") << u"/"_s << u"_"_s;
     QTest::newRow("300 ASCII bytes") << QString(300, u'a') << QString(200, u'a');
     QTest::newRow("200 exactly") << QString(200, u'b') << QString(200, u'b');
+    QTest::newRow("cut before a space") << QString(199, u'c') + u" tail"_s << QString(199, u'c');
+    QTest::newRow("byte cut before a space")
+        << QString(119, QChar(0x00E9)) + u" é"_s << QString(119, QChar(0x00E9));
     QTest::newRow("control then dot") << u"\u0001.env"_s << u"_env"_s;
     QTest::newRow("unicode kept") << u"Résumé ✓.pdf"_s << u"Résumé ✓.pdf"_s;
     QTest::newRow("windows separators kept") << u"a\\b.txt"_s << u"a\\b.txt"_s;

@@ -105,9 +105,10 @@ QJsonObject LocalService::control(const QByteArray &method, const QString &path,
     return document.object();
 }
 
-void LocalService::addFault(const QJsonObject &rule)
+bool LocalService::addFault(const QJsonObject &rule)
 {
-    control("POST", QStringLiteral("/__test/faults"), rule);
+    return !control("POST", QStringLiteral("/__test/faults"), rule)
+                .contains(QStringLiteral("error"));
 }
 
 void LocalService::clearFaults()

@@ -35,8 +35,8 @@ public:
     QString error() const { return m_error; }
 
     // POST /__test/faults with one rule, e.g. {"method":"PUT","path":"/api/transfers/*/parts/*",
-    // "count":3,"status":503}
-    void addFault(const QJsonObject &rule);
+    // "count":3,"status":503}. False when the service refused the rule.
+    bool addFault(const QJsonObject &rule);
     void clearFaults();
     // The recent request log, one object per request.
     QJsonArray log();
