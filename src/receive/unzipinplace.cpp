@@ -244,6 +244,14 @@ void extractInto(const QString &archivePath, const QString &tempFolder, qint64 b
             refuse(u"duplicate name " + QString::fromUtf8(name));
         seen.insert(key, type == AE_IFDIR);
 
+        // The disk writer would extend a file to the size the entry declares, whatever arrives:
+        // a declared size counts against the budget, and the file gets only the bytes read.
+        const qint64 declaredSize =
+            archive_entry_size_is_set(entry) ? archive_entry_size(entry) : -1;
+        if (type == AE_IFREG && declaredSize > byteBudget - written)
+            refuse(QStringLiteral("more bytes than the budget of %1").arg(byteBudget));
+        archive_entry_unset_size(entry);
+
         // Keep rwx bits only (no setuid, setgid, sticky); we must be able to read and remove
         // what we wrote.
         const mode_t perm = archive_entry_perm(entry) & 0777;
@@ -283,6 +291,8 @@ void extractInto(const QString &archivePath, const QString &tempFolder, qint64 b
                 if (block % 64 == 63)
                     checkStop(stop);
             }
+            if (declaredSize >= 0 && expectedOffset != declaredSize)
+                refuse(QString::fromUtf8(name) + u": size differs from the archive's listing");
             const auto listed = crcs.constFind(listedName);
             if (listed != crcs.cend() && listed.value() != quint32(crc))
                 refuse(QString::fromUtf8(name) + u": checksum mismatch");

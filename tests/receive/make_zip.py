@@ -95,6 +95,12 @@ def main():
         patch_name(out, b"nulXhidden.txt", b"nul\x00hidden.txt")
     elif case == "big-stored":  # 256 KiB that does not compress, stored
         write(out, [("big.bin", bytes((i * 7919 + i // 251) % 256 for i in range(256 * 1024)))])
+    elif case == "declared-size":  # no central directory; an entry declares far more bytes
+        import base64
+        open(out, "wb").write(base64.b64decode(
+            "UEsDBBQAAAAAAMBjsVgAAAAAAAAAAAAALi4vAAAAVHJpcC9QSwMEFAAAAAAAwGOxWMj83ooGAAAABgAAAA0AAABU"
+            "cmlwL2RheTEuFAMUAAAQAO1BVAAAAFRyaXAvbWFwcy9QSwECFAMUAAAAAADAY7FYuLQGIgcAAAAHAAAAEwAAAAAA"
+            "AAAAAAAApIF8AAAAVHJpcC9tYXBzL3JvdXRlLgAApIEAAAAAYS50eHRQSwECFAMUAAAAAAA="))
     elif case == "bad-crc":  # the stored bytes changed after the CRC was written
         write(out, [("a.txt", b"stored bytes\n")])
         raw = open(out, "rb").read()
