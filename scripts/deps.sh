@@ -7,9 +7,13 @@ packages=(
   # build
   cmake g++ make pkg-config
   qt6-base-dev qcoro-qt6-dev libcurl4-openssl-dev zlib1g-dev libarchive-dev
-  libcpp-httplib-dev libsqlite3-dev libssl-dev
+  libcpp-httplib-dev libsqlite3-dev libssl-dev qtkeychain-qt6-dev libqrcodegencpp-dev
+  # runtime: the credential store (QtKeychain loads libsecret itself), opening the browser
+  libsecret-1-0 xdg-utils
   # independent checkers and clients used by the self-test, tests and benchmarks
   unzip libarchive-tools p7zip-full python3 curl openssl procps
+  # private session buses, a real keyring and its command-line client for the platform tests
+  dbus gnome-keyring libsecret-tools
 )
 if [ "${1:-}" = "--with-browser" ]; then
   packages+=(chromium python3-websocket)

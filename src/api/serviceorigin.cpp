@@ -1,8 +1,7 @@
 #include "api/serviceorigin.h"
 
 #include "api/apperror.h"
-
-#include <QSettings>
+#include "platform/preferences.h"
 
 #include <mutex>
 
@@ -35,9 +34,7 @@ QString pick(const QStringList &arguments)
     const QString environment = qEnvironmentVariable("LOFTHAVEN_ORIGIN");
     if (!environment.isEmpty())
         return environment;
-    const QString setting = QSettings(QStringLiteral("Lofthaven"), QStringLiteral("Lofthaven"))
-                                .value(QStringLiteral("serviceOrigin"))
-                                .toString();
+    const QString setting = stringPreference(Preference::ServiceOrigin);
     if (!setting.isEmpty())
         return setting;
     return QString::fromLatin1(ServiceOrigin::kDefault);

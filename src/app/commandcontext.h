@@ -9,6 +9,8 @@
 
 namespace lofthaven {
 
+class AccountSession;
+
 // What a subcommand needs from the process: the parsed options, the client, a stop token
 // that Ctrl-C requests, and the one place that writes results and failures.
 struct CommandContext
@@ -18,7 +20,8 @@ struct CommandContext
     static constexpr int kInterrupted = 130;
 
     QCommandLineParser *parser = nullptr;
-    APIClient client;
+    APIClient client;                  // carries the stored token, when there is one
+    AccountSession *session = nullptr; // loaded from the credential store
     QString serviceHost;
     std::stop_token stop;
 

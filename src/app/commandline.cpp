@@ -1,11 +1,14 @@
 #include "app/commandline.h"
 
+#include "api/accountsession.h"
 #include "api/apperror.h"
 #include "api/httptransport.h"
 #include "api/serviceorigin.h"
+#include "app/accountcommands.h"
 #include "app/commandcontext.h"
 #include "app/receivecommand.h"
 #include "app/sendcommand.h"
+#include "platform/preferences.h"
 #include "platform/waitfortask.h"
 
 #include <QCoreApplication>
@@ -28,6 +31,9 @@ extern "C" void onInterrupt(int)
 const char *const kUsage = "Usage:\n"
                            "  lofthaven send [options] PATH...\n"
                            "  lofthaven receive [options] CODE-OR-LINK\n"
+                           "  lofthaven login [--no-browser] [--json]\n"
+                           "  lofthaven logout\n"
+                           "  lofthaven whoami [--json]\n"
                            "  lofthaven --selftest-offline [folder]\n"
                            "  lofthaven --selftest [folder]\n"
                            "\n"
@@ -81,25 +87,57 @@ std::optional<int> runCommandLine(const QStringList &arguments)
                                  QCoreApplication::applicationVersion());
         return 0;
     }
-    const bool send = command == QLatin1String("send");
-    if (!send && command != QLatin1String("receive"))
+    enum class Verb
+    {
+        Send,
+        Receive,
+        Login,
+        Logout,
+        Whoami
+    };
+    static const QList<std::pair<QString, Verb>> kVerbs = {
+        {QStringLiteral("send"), Verb::Send},     {QStringLiteral("receive"), Verb::Receive},
+        {QStringLiteral("login"), Verb::Login},   {QStringLiteral("logout"), Verb::Logout},
+        {QStringLiteral("whoami"), Verb::Whoami},
+    };
+    const auto found = std::find_if(kVerbs.cbegin(), kVerbs.cend(),
+                                    [&](const auto &entry) { return entry.first == command; });
+    if (found == kVerbs.cend())
         return std::nullopt;
+    const Verb verb = found->second;
+    const bool send = verb == Verb::Send;
 
     QStringList commandArguments = arguments;
     commandArguments.removeAt(at);
     commandArguments[0] = QStringLiteral("lofthaven ") + command;
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(
-        send ? QStringLiteral("Send files and folders by code and link.")
-             : QStringLiteral("Receive a transfer by its code or link."));
     parser.addHelpOption();
     parser.addOption(
         {QStringLiteral("origin"), QStringLiteral("The service origin."), QStringLiteral("url")});
-    if (send)
+    switch (verb) {
+    case Verb::Send:
+        parser.setApplicationDescription(
+            QStringLiteral("Send files and folders by code and link."));
         addSendOptions(parser);
-    else
+        break;
+    case Verb::Receive:
+        parser.setApplicationDescription(QStringLiteral("Receive a transfer by its code or link."));
         addReceiveOptions(parser);
+        break;
+    case Verb::Login:
+        parser.setApplicationDescription(
+            QStringLiteral("Sign in by approving a code in the browser."));
+        addLoginOptions(parser);
+        break;
+    case Verb::Logout:
+        parser.setApplicationDescription(QStringLiteral("Sign out and forget the sign-in."));
+        break;
+    case Verb::Whoami:
+        parser.setApplicationDescription(QStringLiteral("Show the account, its plan and limits."));
+        addWhoamiOptions(parser);
+        break;
+    }
     if (!parser.parse(commandArguments)) {
         CommandContext::printError(parser.errorText());
         std::fputs(kUsage, stderr);
@@ -131,12 +169,34 @@ std::optional<int> runCommandLine(const QStringList &arguments)
     });
     interruptPoll.start(100);
 
+    registerDefaultSettings();
+    AccountSession session;
+    waitForTask(session.load());
+
     CommandContext context;
     context.parser = &parser;
+    context.client = session.client();
+    context.session = &session;
     context.serviceHost = ServiceOrigin::host();
     context.stop = stop.get_token();
-    const int status =
-        send ? waitForTask(sendCommand(context)) : waitForTask(receiveCommand(context));
+    int status = CommandContext::kFailed;
+    switch (verb) {
+    case Verb::Send:
+        status = waitForTask(sendCommand(context));
+        break;
+    case Verb::Receive:
+        status = waitForTask(receiveCommand(context));
+        break;
+    case Verb::Login:
+        status = waitForTask(loginCommand(context));
+        break;
+    case Verb::Logout:
+        status = waitForTask(logoutCommand(context));
+        break;
+    case Verb::Whoami:
+        status = waitForTask(whoamiCommand(context));
+        break;
+    }
     interruptPoll.stop();
     HttpTransport::instance().shutdown();
     return status;

@@ -1,9 +1,12 @@
 #include "app/sendcommand.h"
 
+#include "api/accountsession.h"
 #include "api/apperror.h"
 #include "app/progressprinter.h"
 #include "platform/bytecount.h"
+#include "platform/devicename.h"
 #include "platform/folders.h"
+#include "platform/preferences.h"
 #include "platform/runinpool.h"
 #include "send/sendplan.h"
 #include "send/uploader.h"
@@ -18,24 +21,57 @@ namespace lofthaven {
 namespace {
 
 constexpr qint64 kAnonymousLimit = 524288000; // 500 MiB
-constexpr qint64 kDefaultExpiry = 259200;     // three days
+constexpr qint64 kThreeDays = 259200;
 const QList<qint64> kAnonymousExpiries = {3600, 86400, 259200};
+
+// What this sender may send: the signed-in account's limits, or the anonymous ones.
+struct SendLimits
+{
+    bool signedIn = false;
+    qint64 maxBytes = kAnonymousLimit;
+    QList<qint64> expiries = kAnonymousExpiries;
+};
+
+SendLimits limitsOf(const AccountSession &session)
+{
+    SendLimits limits;
+    limits.signedIn = session.token().has_value();
+    if (limits.signedIn && session.me() && session.me()->limits &&
+        !session.me()->limits->expiries.isEmpty()) {
+        limits.maxBytes = session.me()->limits->maxBytes;
+        limits.expiries = session.me()->limits->expiries;
+    }
+    return limits;
+}
+
+// The preferred lifetime when the account allows it, else three days, else the longest allowed.
+qint64 defaultLifetime(const SendLimits &limits)
+{
+    const qint64 preferred = integerPreference(Preference::DefaultExpiry);
+    if (limits.expiries.contains(preferred))
+        return preferred;
+    if (limits.expiries.contains(kThreeDays))
+        return kThreeDays;
+    return *std::max_element(limits.expiries.cbegin(), limits.expiries.cend());
+}
 
 QString spacedCode(const QString &code)
 {
     return code.size() == 6 ? code.left(3) + QLatin1Char(' ') + code.mid(3) : code;
 }
 
-// Nothing when the plan may be sent anonymously, else the sentence that forbids it.
-std::optional<QString> sendBlocker(const SendPlan &plan, bool toSelf)
+// Nothing when the plan may be sent, else the sentence that forbids it.
+std::optional<QString> sendBlocker(const SendPlan &plan, bool toSelf, const SendLimits &limits)
 {
-    if (toSelf)
+    if (toSelf && !limits.signedIn)
         return QStringLiteral("Sign in to send files to your devices.");
-    if (plan.size > kAnonymousLimit)
+    if (plan.size > limits.maxBytes)
         return plan.name + QStringLiteral(" is ") + formatByteCount(plan.size) +
-               QStringLiteral("; the limit is ") + formatByteCount(kAnonymousLimit) +
-               QStringLiteral(" per transfer without an account. Sign in for free to send up "
-                              "to 2 GB.");
+               QStringLiteral("; the limit is ") + formatByteCount(limits.maxBytes) +
+               QStringLiteral(" per transfer") +
+               (limits.signedIn ? QStringLiteral(" on your plan.")
+                                : QStringLiteral(" without an account. Sign in for free to send "
+                                                 "up to 2 GB."));
     return std::nullopt;
 }
 
@@ -45,7 +81,8 @@ void addSendOptions(QCommandLineParser &parser)
 {
     parser.addOptions({
         {QStringLiteral("expires"),
-         QStringLiteral("Link lifetime in seconds: 3600, 86400 or 259200 (default)."),
+         QStringLiteral("Link lifetime in seconds: 3600, 86400 or 259200 (default); signed in, "
+                        "also the longer ones your plan allows."),
          QStringLiteral("seconds")},
         {QStringLiteral("downloads"), QStringLiteral("Download limit (default: unlimited)."),
          QStringLiteral("n")},
@@ -65,14 +102,31 @@ void addSendOptions(QCommandLineParser &parser)
 QCoro::Task<int> sendCommand(CommandContext context)
 {
     QCommandLineParser &parser = *context.parser;
+    AccountSession &session = *context.session;
+    if (session.token()) {
+        // Current limits; a token the service no longer takes signs out here.
+        auto refreshing = session.refresh(context.stop);
+        co_await refreshing;
+        if (const auto notice = session.notice())
+            CommandContext::printError(*notice);
+        context.client = session.client();
+    }
+    const SendLimits limits = limitsOf(session);
     SendOptions options;
-    options.expiresIn = kDefaultExpiry;
+    options.expiresIn = defaultLifetime(limits);
     if (parser.isSet(QStringLiteral("expires"))) {
         bool ok = false;
         options.expiresIn = parser.value(QStringLiteral("expires")).toLongLong(&ok);
-        if (!ok || !kAnonymousExpiries.contains(options.expiresIn)) {
-            CommandContext::printError(
-                QStringLiteral("--expires takes 3600, 86400 or 259200 seconds."));
+        if (!ok || !limits.expiries.contains(options.expiresIn)) {
+            QStringList allowed;
+            for (qint64 seconds : limits.expiries)
+                allowed << QString::number(seconds);
+            const QString last = allowed.takeLast();
+            CommandContext::printError(QStringLiteral("--expires takes ") +
+                                       (allowed.isEmpty() ? last
+                                                          : allowed.join(QStringLiteral(", ")) +
+                                                                QStringLiteral(" or ") + last) +
+                                       QStringLiteral(" seconds."));
             co_return CommandContext::kUsage;
         }
     }
@@ -101,12 +155,14 @@ QCoro::Task<int> sendCommand(CommandContext context)
             paths.append(QFileInfo(path).absoluteFilePath());
         auto planning = runInPool([paths] { return SendPlan::make(paths); });
         const SendPlan plan = co_await planning;
-        if (const auto blocker = sendBlocker(plan, options.toSelf))
+        if (const auto blocker = sendBlocker(plan, options.toSelf, limits))
             throw AppError(*blocker);
 
         auto counter = std::make_shared<ProgressCounter>();
         Uploader uploader(context.client, plan, options, tempFolder(), counter);
         uploader.setSource(QStringLiteral("cli"));
+        if (options.toSelf)
+            uploader.setDeviceName(deviceName());
         ProgressPrinter progress(QStringLiteral("Sending"), plan.size, counter);
         progress.start();
         auto uploading = uploader.run(context.stop);
