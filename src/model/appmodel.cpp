@@ -6,9 +6,9 @@
 #include "api/usermessage.h"
 #include "model/detach.h"
 #include "model/historyfile.h"
-#include "model/modelsettings.h"
 #include "model/sendrules.h"
 #include "platform/folders.h"
+#include "platform/preferences.h"
 #include "platform/runinpool.h"
 #include "platform/stoppablesleep.h"
 #include "receive/downloadtopartial.h"
@@ -43,12 +43,13 @@ void detach(QCoro::Task<void> task)
     auto running = finishDetached(std::move(task));
 }
 
-AppModel::AppModel(std::optional<QString> storedToken, QObject *parent)
+AppModel::AppModel(AccountSession *session, QObject *parent)
     : QObject(parent)
     , m_clock([] { return QDateTime::currentDateTimeUtc(); })
     , m_sleeper(&stoppableSleep)
     , m_clipboard([](const QString &) {})
     , m_notify([](const QString &, const QString &, const std::optional<QString> &, bool) {})
+    , m_session(session ? session : new AccountSession(this))
     , m_jobs(new SendJobList(this))
     , m_downloads(new DownloadList(this))
     , m_inbox(new TransferList(this))
@@ -56,22 +57,23 @@ AppModel::AppModel(std::optional<QString> storedToken, QObject *parent)
     , m_account(new TransferList(this))
 {
     m_historyPath = HistoryFile::defaultPath();
-    const QStringList seen = ModelSettings::stringList(QStringLiteral("seenInbox"));
+    registerDefaultSettings();
+    const QStringList seen = stringArrayPreference(Preference::SeenInbox);
     m_seenInbox = QSet<QString>(seen.begin(), seen.end());
-    const QStringList notified = ModelSettings::stringList(QStringLiteral("notifiedInbox"));
+    const QStringList notified = stringArrayPreference(Preference::NotifiedInbox);
     m_notifiedInbox = QSet<QString>(notified.begin(), notified.end());
     m_inbox->setSeen(m_seenInbox);
-    m_token = std::move(storedToken);
-    if (m_token) {
-        try {
-            const QByteArray cached = ModelSettings::data(QStringLiteral("cachedMe"));
-            if (!cached.isEmpty())
-                m_me = decode<MeResponse>(cached);
-        } catch (const DecodeError &) {
-        }
-    }
     loadHistory();
     m_options = defaultOptions();
+    setNotice(m_session->notice().value_or(QString()));
+
+    connect(m_session, &AccountSession::tokenChanged, this, &AppModel::signedInChanged);
+    connect(m_session, &AccountSession::meChanged, this, &AppModel::accountChanged);
+    connect(m_session, &AccountSession::signInChanged, this, &AppModel::signInChanged);
+    connect(m_session, &AccountSession::noticeChanged, this,
+            [this] { setNotice(m_session->notice().value_or(QString())); });
+    connect(m_session, &AccountSession::signedIn, this, &AppModel::signedInNow);
+    connect(m_session, &AccountSession::signedOut, this, &AppModel::signedOutNow);
 }
 
 AppModel::~AppModel()
@@ -94,6 +96,8 @@ void AppModel::checkThread() const
 void AppModel::start()
 {
     checkThread();
+    if (signedIn())
+        refreshAccount();
     checkForUpdate();
     startPolling();
 }
@@ -146,17 +150,30 @@ void AppModel::systemResumed()
 
 QVariantMap AppModel::meMap() const
 {
-    return m_me ? m_me->toJson().toVariantMap() : QVariantMap();
+    const std::optional<MeResponse> account = me();
+    return account ? account->toJson().toVariantMap() : QVariantMap();
+}
+
+QVariantMap AppModel::signInMap() const
+{
+    const std::optional<SignInState> state = m_session->signIn();
+    if (!state)
+        return {};
+    static const char *const phases[] = {"starting", "waiting", "failed"};
+    return {{QStringLiteral("phase"), QString::fromLatin1(phases[int(state->phase)])},
+            {QStringLiteral("userCode"), state->userCode},
+            {QStringLiteral("url"), state->url.toString()},
+            {QStringLiteral("message"), state->message}};
 }
 
 qint64 AppModel::maxBytes() const
 {
-    return sendrules::maxBytes(m_me);
+    return sendrules::maxBytes(me());
 }
 
 QList<qint64> AppModel::allowedExpiries() const
 {
-    return sendrules::allowedExpiries(m_me);
+    return sendrules::allowedExpiries(me());
 }
 
 QVariantList AppModel::allowedExpiryList() const
@@ -167,11 +184,8 @@ QVariantList AppModel::allowedExpiryList() const
     return list;
 }
 
-void AppModel::setMe(std::optional<MeResponse> me)
+void AppModel::accountChanged()
 {
-    if (m_me == me)
-        return;
-    m_me = std::move(me);
     Q_EMIT meChanged();
     // A lifetime the new limits do not allow falls back to the default.
     if (!allowedExpiries().contains(m_options.expiresIn)) {
@@ -181,16 +195,34 @@ void AppModel::setMe(std::optional<MeResponse> me)
     }
 }
 
-void AppModel::signedInAs(QString token, std::optional<MeResponse> me)
+void AppModel::startSignIn()
 {
     checkThread();
+    detach(m_session->startSignIn());
+}
+
+void AppModel::cancelSignIn()
+{
+    checkThread();
+    m_session->cancelSignIn();
+}
+
+void AppModel::signOut()
+{
+    checkThread();
+    detach(m_session->signOut());
+}
+
+void AppModel::refreshAccount()
+{
+    checkThread();
+    detach(m_session->refresh(m_lifetimeStop.get_token()));
+}
+
+void AppModel::signedInNow()
+{
     m_sessionStop.request_stop();
     m_sessionStop = std::stop_source();
-    const bool was = signedIn();
-    m_token = std::move(token);
-    if (!was)
-        Q_EMIT signedInChanged();
-    setMe(std::move(me));
     SendOptions options = m_options;
     options.expiresIn = defaultOptions().expiresIn;
     setOptions(options);
@@ -198,17 +230,11 @@ void AppModel::signedInAs(QString token, std::optional<MeResponse> me)
     publishNewInboxCount();
 }
 
-void AppModel::signedOut(const QString &notice)
+void AppModel::signedOutNow()
 {
-    checkThread();
     stopPolling();
     m_sessionStop.request_stop();
     m_sessionStop = std::stop_source();
-    const bool was = signedIn();
-    m_token.reset();
-    if (was)
-        Q_EMIT signedInChanged();
-    setMe(std::nullopt);
     m_inbox->clear();
     m_account->clear();
     setInboxError({});
@@ -217,7 +243,6 @@ void AppModel::signedOut(const QString &notice)
     if (!allowedExpiries().contains(options.expiresIn))
         options.expiresIn = defaultOptions().expiresIn;
     setOptions(options);
-    setNotice(notice);
     publishNewInboxCount();
 }
 
@@ -346,8 +371,7 @@ QVariantMap AppModel::stagedPlanMap() const
 SendOptions AppModel::defaultOptions(bool toSelf) const
 {
     SendOptions options;
-    const qint64 preferred =
-        ModelSettings::integerValue(QStringLiteral("defaultExpiry"), sendrules::kDefaultExpiry);
+    const qint64 preferred = integerPreference(Preference::DefaultExpiry);
     options.expiresIn = sendrules::defaultExpiry(preferred, allowedExpiries());
     options.toSelf = toSelf;
     return options;
@@ -366,7 +390,7 @@ void AppModel::setExpiresIn(qint64 seconds)
     if (m_options.expiresIn == seconds)
         return;
     m_options.expiresIn = seconds;
-    ModelSettings::setValue(QStringLiteral("defaultExpiry"), seconds);
+    setIntegerPreference(Preference::DefaultExpiry, seconds);
     Q_EMIT optionsChanged();
 }
 
@@ -546,8 +570,7 @@ QCoro::Task<void> AppModel::downloadTask(DownloadJob *job, DownloadRequest reque
     DownloadPlan plan;
     plan.meta = request.meta;
     plan.unlockToken = request.unlockToken;
-    const bool unzipWanted = request.unzip.value_or(
-        ModelSettings::boolValue(QStringLiteral("unzipAfterDownload"), true));
+    const bool unzipWanted = request.unzip.value_or(boolPreference(Preference::UnzipAfterDownload));
     plan.unzip = shouldUnzip(request.meta, unzipWanted);
     plan.destinationFolder = downloadFolder();
     plan.partialFile = partialPathFor(tempFolder(), request.meta.id);
@@ -626,10 +649,9 @@ QCoro::Task<void> AppModel::checkForUpdateTask()
     QPointer<AppModel> self(this);
     std::optional<UpdateNotice> notice;
     try {
-        auto checking =
-            UpdateCheck::run(UpdateCheck::currentVersion(),
-                             ModelSettings::stringValue(QStringLiteral("dismissedUpdate")),
-                             m_lifetimeStop.get_token());
+        auto checking = UpdateCheck::run(UpdateCheck::currentVersion(),
+                                         stringPreference(Preference::DismissedUpdate),
+                                         m_lifetimeStop.get_token());
         notice = co_await checking;
     } catch (...) {
         co_return;
@@ -645,7 +667,7 @@ void AppModel::dismissUpdate()
     checkThread();
     if (!m_update)
         return;
-    ModelSettings::setValue(QStringLiteral("dismissedUpdate"), m_update->info.version);
+    setStringPreference(Preference::DismissedUpdate, m_update->info.version);
     m_update.reset();
     Q_EMIT updateChanged();
 }

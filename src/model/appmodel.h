@@ -1,5 +1,6 @@
 #pragma once
 
+#include "api/accountsession.h"
 #include "api/apiclient.h"
 #include "api/wirerecords.h"
 #include "model/downloadlist.h"
@@ -48,6 +49,7 @@ class AppModel : public QObject
                    applicationActiveChanged)
     Q_PROPERTY(bool signedIn READ signedIn NOTIFY signedInChanged)
     Q_PROPERTY(QVariantMap me READ meMap NOTIFY meChanged)
+    Q_PROPERTY(QVariantMap signIn READ signInMap NOTIFY signInChanged)
     Q_PROPERTY(qint64 maxBytes READ maxBytes NOTIFY meChanged)
     Q_PROPERTY(QVariantList allowedExpiries READ allowedExpiryList NOTIFY meChanged)
     Q_PROPERTY(QString notice READ notice WRITE setNotice NOTIFY noticeChanged)
@@ -121,9 +123,10 @@ public:
     static constexpr qint64 kRefreshThrottleMs = 3000;
 
     // Builds the state the way the app starts: defaults, history file, seen and announced inbox
-    // items, the stored token (as read from the credential store by the caller), the cached
-    // account when a token exists, and the default send options. Starts nothing.
-    explicit AppModel(std::optional<QString> storedToken = std::nullopt, QObject *parent = nullptr);
+    // items, the account of `session` (whose load() the caller has awaited, so a stored token
+    // and the cached account show at once), and the default send options. Starts nothing.
+    // Without a session the model makes its own, signed out.
+    explicit AppModel(AccountSession *session = nullptr, QObject *parent = nullptr);
     ~AppModel() override;
 
     // The account refresh, the update check and the inbox poll loop.
@@ -147,20 +150,21 @@ public:
     Q_INVOKABLE void applicationActivated();
     Q_INVOKABLE void systemResumed();
 
-    std::optional<QString> token() const { return m_token; }
-    bool signedIn() const { return m_token.has_value(); }
-    const std::optional<MeResponse> &me() const { return m_me; }
+    AccountSession *session() const { return m_session; }
+    std::optional<QString> token() const { return m_session->token(); }
+    bool signedIn() const { return token().has_value(); }
+    std::optional<MeResponse> me() const { return m_session->me(); }
     QVariantMap meMap() const;
+    QVariantMap signInMap() const;
     qint64 maxBytes() const;
     QList<qint64> allowedExpiries() const;
     QVariantList allowedExpiryList() const;
-    // A sign-in completed: token and account are taken, the send options follow the new limits
-    // and the inbox polling starts.
-    void signedInAs(QString token, std::optional<MeResponse> me);
-    void setMe(std::optional<MeResponse> me);
-    // Forgets the signed-in state held here (token, account, inbox, account list, polling) and
-    // shows `notice` when given.
-    void signedOut(const QString &notice = {});
+    // Device sign-in and sign-out, through the account session.
+    Q_INVOKABLE void startSignIn();
+    Q_INVOKABLE void cancelSignIn();
+    Q_INVOKABLE void signOut();
+    // Asks the service for the account again; a refused token signs out with a notice.
+    Q_INVOKABLE void refreshAccount();
 
     QString notice() const { return m_notice; }
     void setNotice(const QString &notice);
@@ -290,6 +294,7 @@ Q_SIGNALS:
     void applicationActiveChanged();
     void signedInChanged();
     void meChanged();
+    void signInChanged();
     void noticeChanged();
     void stagedChanged();
     void stagedPlanChanged();
@@ -323,9 +328,12 @@ private:
     };
 
     void checkThread() const;
+    void accountChanged();
+    void signedInNow();
+    void signedOutNow();
     void post(const QString &title, const QString &body,
               const std::optional<QString> &transferID = std::nullopt, bool inbox = false);
-    APIClient client() const { return APIClient(m_token); }
+    APIClient client() const { return APIClient(token()); }
     double nowMs() const { return double(m_clock().toMSecsSinceEpoch()); }
 
     void replan();
@@ -361,8 +369,7 @@ private:
     Tab m_tab = Tab::Send;
     bool m_windowDropTargeted = false;
     bool m_applicationActive = false;
-    std::optional<QString> m_token;
-    std::optional<MeResponse> m_me;
+    AccountSession *m_session;
     QString m_notice;
 
     QStringList m_staged;

@@ -168,10 +168,10 @@ void AppModel::refreshAccountTransfers()
 QCoro::Task<void> AppModel::refreshAccountTransfersTask()
 {
     checkThread();
-    if (!m_token)
+    if (!signedIn())
         co_return;
     QPointer<AppModel> self(this);
-    const std::optional<QString> token = m_token;
+    const std::optional<QString> token = this->token();
     setAccountLoading(true);
     std::optional<AccountTransfersResponse> answer;
     QString failure;
@@ -185,7 +185,7 @@ QCoro::Task<void> AppModel::refreshAccountTransfersTask()
     if (!self)
         co_return;
     setAccountLoading(false);
-    if (m_token != token)
+    if (this->token() != token)
         co_return;
     if (answer) {
         m_account->setItems(answer->transfers);

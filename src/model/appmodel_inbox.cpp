@@ -7,25 +7,18 @@
 #include "api/cancelled.h"
 #include "api/usermessage.h"
 #include "model/detach.h"
-#include "model/modelsettings.h"
 #include "platform/bytecount.h"
+#include "platform/preferences.h"
 
 #include <QPointer>
 
 namespace lofthaven {
 
-namespace {
-
-const QString kExpiredSignIn =
-    QStringLiteral("Your sign-in expired. Sign in again to use your account.");
-
-} // namespace
-
 void AppModel::startPolling()
 {
     checkThread();
     stopPolling();
-    if (!m_token)
+    if (!signedIn())
         return;
     m_pollStop = std::stop_source();
     detach(pollLoop(m_pollStop.get_token()));
@@ -60,7 +53,7 @@ void AppModel::refreshInbox(bool force)
 QCoro::Task<void> AppModel::refreshInboxTask(bool force)
 {
     checkThread();
-    if (!m_token)
+    if (!signedIn())
         co_return;
     const QDateTime now = m_clock();
     if (!force && m_lastPoll.isValid() && m_lastPoll.msecsTo(now) < kRefreshThrottleMs)
@@ -68,7 +61,7 @@ QCoro::Task<void> AppModel::refreshInboxTask(bool force)
     m_lastPoll = now;
 
     QPointer<AppModel> self(this);
-    const std::optional<QString> token = m_token;
+    const std::optional<QString> token = this->token();
     std::optional<InboxResponse> answer;
     std::exception_ptr failure;
     try {
@@ -78,21 +71,24 @@ QCoro::Task<void> AppModel::refreshInboxTask(bool force)
         failure = std::current_exception();
     }
     // Signed out (or in as someone else) meanwhile: the answer belongs to nobody.
-    if (!self || m_token != token)
+    if (!self || this->token() != token)
         co_return;
     if (failure) {
+        bool expired = false;
         try {
             std::rethrow_exception(failure);
         } catch (const Cancelled &) {
             co_return;
         } catch (const APIError &error) {
-            if (error.status() == 401) {
-                signedOut(kExpiredSignIn);
-                co_return;
-            }
+            expired = error.status() == 401;
         } catch (...) {
         }
         setInboxError(userMessage(failure));
+        if (expired) {
+            // The account refresh confirms it and takes the sign-out path with its notice.
+            auto confirming = m_session->refresh(m_lifetimeStop.get_token());
+            co_await confirming;
+        }
         co_return;
     }
 
@@ -104,14 +100,14 @@ QCoro::Task<void> AppModel::refreshInboxTask(bool force)
     }
 
     QSet<QString> seen = m_seenInbox;
-    if (!ModelSettings::boolValue(QStringLiteral("inboxSeeded"), false)) {
+    if (!boolPreference(Preference::InboxSeeded)) {
         for (const TransferMeta &item : answer->items) {
             seen.insert(item.id);
             m_notifiedInbox.insert(item.id);
         }
-        ModelSettings::setValue(QStringLiteral("inboxSeeded"), true);
+        setBoolPreference(Preference::InboxSeeded, true);
     }
-    const bool autoDownload = ModelSettings::boolValue(QStringLiteral("autoDownload"), false);
+    const bool autoDownload = boolPreference(Preference::AutoDownload);
     for (const TransferMeta &item : answer->items) {
         if (m_notifiedInbox.contains(item.id))
             continue;
@@ -154,16 +150,16 @@ void AppModel::setSeenInbox(QSet<QString> seen)
 
 void AppModel::storeInboxSets()
 {
-    ModelSettings::setValue(QStringLiteral("seenInbox"),
-                            QStringList(m_seenInbox.begin(), m_seenInbox.end()));
-    ModelSettings::setValue(QStringLiteral("notifiedInbox"),
-                            QStringList(m_notifiedInbox.begin(), m_notifiedInbox.end()));
+    setStringArrayPreference(Preference::SeenInbox,
+                             QStringList(m_seenInbox.begin(), m_seenInbox.end()));
+    setStringArrayPreference(Preference::NotifiedInbox,
+                             QStringList(m_notifiedInbox.begin(), m_notifiedInbox.end()));
 }
 
 void AppModel::publishNewInboxCount()
 {
     int count = 0;
-    if (m_token) {
+    if (signedIn()) {
         for (const TransferMeta &item : m_inbox->items())
             count += m_seenInbox.contains(item.id) ? 0 : 1;
     }

@@ -28,7 +28,7 @@ void AppModel::setFocusedJobID(const QString &id)
 
 std::optional<QString> AppModel::sendBlocker(const SendPlan &plan, bool toSelf) const
 {
-    return sendrules::sendBlocker(plan, toSelf, signedIn(), m_me);
+    return sendrules::sendBlocker(plan, toSelf, signedIn(), me());
 }
 
 QString AppModel::stagedBlocker() const

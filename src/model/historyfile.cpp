@@ -1,6 +1,6 @@
 #include "model/historyfile.h"
 
-#include "model/modelsettings.h"
+#include "platform/folders.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -13,7 +13,7 @@ namespace lofthaven {
 
 QString HistoryFile::defaultPath()
 {
-    return ModelSettings::supportFolder() + QStringLiteral("/history.json");
+    return supportFolder() + QStringLiteral("/history.json");
 }
 
 std::optional<QList<HistoryEntry>> HistoryFile::read(const QString &path)

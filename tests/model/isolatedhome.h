@@ -21,6 +21,9 @@ public:
         qputenv("XDG_DATA_HOME", QFile::encodeName(home + QStringLiteral("/.local/share")));
         qputenv("XDG_CACHE_HOME", QFile::encodeName(home + QStringLiteral("/.cache")));
         qunsetenv("LOFTHAVEN_ORIGIN");
+        // No keyring and no notification server of the user's session: a sign-in stays in
+        // memory.
+        qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/lofthaven-test-bus");
     }
     QString path() const { return m_dir.path(); }
     QString filePath(const QString &name) const { return m_dir.filePath(name); }
