@@ -13,7 +13,7 @@ packages=(
   # independent checkers and clients used by the self-test, tests and benchmarks
   unzip libarchive-tools p7zip-full python3 curl openssl procps
   # private session buses, a real keyring and its command-line client for the platform tests
-  dbus gnome-keyring libsecret-tools
+  dbus gnome-keyring libsecret-tools zbar-tools desktop-file-utils
 )
 if [ "${1:-}" = "--with-browser" ]; then
   packages+=(chromium python3-websocket)
