@@ -264,6 +264,8 @@ public:
     Q_INVOKABLE void refreshInbox(bool force);
     QCoro::Task<void> refreshInboxTask(bool force);
     Q_INVOKABLE void markInboxSeen();
+    // The "Download" action of an inbox notification.
+    Q_INVOKABLE void downloadInboxItem(const QString &id);
 
     // ---- history ----
     HistoryList *history() const { return m_history; }

@@ -169,6 +169,12 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(!job->isActive(), kWait);
         QCOMPARE(job->state(), DownloadJob::State::Done);
         QCOMPARE(readFile(job->result()), QByteArray("open.txt"));
+
+        // The notification's "Download" cannot carry a password: the job says it is missing.
+        model.downloadInboxItem(locked);
+        QTRY_VERIFY_WITH_TIMEOUT(model.downloads()->find(locked), kWait);
+        QCOMPARE(model.downloads()->find(locked)->message(),
+                 QStringLiteral("This transfer is password protected. Enter the password."));
     }
 
     void devicesTabInFrontSeesEverything()
