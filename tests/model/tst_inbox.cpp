@@ -6,6 +6,7 @@
 #include "isolatedhome.h"
 #include "localservice.h"
 #include "model/appmodel.h"
+#include "platform/credentialstore.h"
 #include "platform/preferences.h"
 #include "platform/stoppablesleep.h"
 #include "platform/waitfortask.h"
@@ -222,6 +223,35 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(sleeps.size(), 3, kWait);
         QCOMPARE(sleeps, (QList<qint64>{15000, 15000, 15000}));
         QCOMPARE(inboxRequests(), before + 3);
+    }
+
+    // The account of the last run shows before any request, and only with a stored token.
+    void cachedAccountShownAtOnce()
+    {
+        AccountSession restarted;
+        waitForTask(restarted.load());
+        QVERIFY(restarted.token());
+        const int asked = int(m_service.requests(QStringLiteral("GET"), "/api/me").size());
+        {
+            AppModel model(&restarted);
+            QVERIFY(model.signedIn());
+            QCOMPARE(model.me(), m_session->me());
+            QVERIFY(model.maxBytes() > 524288000);
+            QCOMPARE(model.meMap().value(QStringLiteral("signedIn")).toBool(), true);
+        }
+        QCOMPARE(int(m_service.requests(QStringLiteral("GET"), "/api/me").size()), asked);
+
+        const QByteArray cached = dataPreference(Preference::CachedMe).value_or(QByteArray());
+        QVERIFY(!cached.isEmpty());
+        m_session.reset();
+        waitForTask(deleteToken());
+        setDataPreference(Preference::CachedMe, cached);
+        AccountSession signedOut;
+        waitForTask(signedOut.load());
+        AppModel model(&signedOut);
+        QVERIFY(!model.signedIn());
+        QVERIFY(!model.me());
+        QCOMPARE(model.maxBytes(), 524288000);
     }
 
     void expiredSignInSignsOut()
