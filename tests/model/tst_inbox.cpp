@@ -225,6 +225,33 @@ private Q_SLOTS:
         QCOMPARE(inboxRequests(), before + 3);
     }
 
+    // A failed load keeps the list and says why; the account's list loads with its flag.
+    void failuresKeepTheListsAndSayWhy()
+    {
+        AppModel &model = makeModel();
+        sendToDevices(QStringLiteral("kept.txt"));
+        waitForTask(model.refreshInboxTask(true));
+        m_service.addFault({{"path", "/api/me/inbox"}, {"status", 503}});
+        QSignalSpy errors(&model, &AppModel::inboxErrorChanged);
+        waitForTask(model.refreshInboxTask(true));
+        QCOMPARE(model.inbox()->count(), 1);
+        QVERIFY(!model.inboxError().isEmpty());
+        waitForTask(model.refreshInboxTask(true));
+        QVERIFY(model.inboxError().isEmpty());
+        QCOMPARE(errors.size(), 2);
+
+        QList<bool> loading;
+        connect(&model, &AppModel::accountLoadingChanged, this,
+                [&] { loading.append(model.accountLoading()); });
+        waitForTask(model.refreshAccountTransfersTask());
+        QCOMPARE(loading, (QList<bool>{true, false}));
+        QCOMPARE(model.account()->count(), 1);
+        m_service.addFault({{"path", "/api/me/transfers"}, {"status", 500}});
+        waitForTask(model.refreshAccountTransfersTask());
+        QVERIFY(!model.accountError().isEmpty());
+        QCOMPARE(model.account()->count(), 1);
+    }
+
     // The account of the last run shows before any request, and only with a stored token.
     void cachedAccountShownAtOnce()
     {
