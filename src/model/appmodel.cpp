@@ -136,7 +136,8 @@ void AppModel::setTab(Tab tab)
         return;
     m_tab = tab;
     Q_EMIT tabChanged();
-    if (m_tab == Tab::Devices && m_applicationActive)
+    // Choosing the tab is the user looking at it.
+    if (m_tab == Tab::Devices)
         markInboxSeen();
 }
 
@@ -264,6 +265,12 @@ void AppModel::signedOutNow()
         options.expiresIn = defaultOptions().expiresIn;
     setOptions(options);
     publishNewInboxCount();
+}
+
+void AppModel::clearNotice()
+{
+    m_session->clearNotice();
+    setNotice({});
 }
 
 void AppModel::setNotice(const QString &notice)

@@ -168,7 +168,7 @@ public:
 
     QString notice() const { return m_notice; }
     void setNotice(const QString &notice);
-    Q_INVOKABLE void clearNotice() { setNotice({}); }
+    Q_INVOKABLE void clearNotice();
 
     // ---- staging ----
     QStringList staged() const { return m_staged; }
