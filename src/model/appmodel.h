@@ -125,7 +125,8 @@ public:
     // Builds the state the way the app starts: defaults, history file, seen and announced inbox
     // items, the account of `session` (whose load() the caller has awaited, so a stored token
     // and the cached account show at once), and the default send options. Starts nothing.
-    // Without a session the model makes its own, signed out.
+    // Without a session the model makes its own, signed out. A given session must outlive the
+    // model.
     explicit AppModel(AccountSession *session = nullptr, QObject *parent = nullptr);
     ~AppModel() override;
 
