@@ -9,7 +9,7 @@
 #include "platform/devicename.h"
 #include "platform/folders.h"
 #include "platform/runinpool.h"
-#include "send/speedmeter.h"
+#include "platform/speedmeter.h"
 #include "send/uploader.h"
 
 #include <QFileInfo>

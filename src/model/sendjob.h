@@ -1,7 +1,7 @@
 #pragma once
 
 #include "model/historyentry.h"
-#include "send/progresscounter.h"
+#include "platform/progresscounter.h"
 #include "send/sendoptions.h"
 #include "send/sendplan.h"
 
