@@ -1,5 +1,6 @@
 #include "httpservice.h"
 
+#include "guardedserver.h"
 #include "pages.h"
 #include "secrets.h"
 
@@ -31,6 +32,8 @@ constexpr int64_t kMaxListedFiles = 500;
 constexpr int64_t kExtendMs = 3LL * 86400 * 1000;
 constexpr int64_t kKeepExpiredMs = 7LL * 86400 * 1000;
 constexpr size_t kIoChunk = 1024 * 1024;
+constexpr size_t kMaxHeaderBytes = 64 * 1024;
+constexpr int kBusyRetrySeconds = 5;
 
 // A failure answered with the error body; thrown from handlers.
 struct Failure
@@ -95,6 +98,51 @@ void sendFailure(httplib::Response &res, const Failure &f)
 {
     throw Failure{status, std::move(error), std::move(message), limit};
 }
+
+[[noreturn]] void tooMany(int64_t waitMs, const char *message)
+{
+    Failure f{429, "rate_limited", message};
+    f.retryAfter = static_cast<int>((waitMs + 999) / 1000);
+    throw f;
+}
+
+// Content-Length exactly as HTTP defines it: digits only, one value. The
+// library would read "100x" as 100 and "-5" as a huge number.
+std::optional<Failure> badContentLength(const httplib::Request &req)
+{
+    const size_t count = req.get_header_value_count("Content-Length");
+    if (count == 0)
+        return std::nullopt;
+    const Failure bad{400, "bad_request", "The Content-Length header is not a whole number."};
+    std::string first;
+    for (size_t i = 0; i < count; ++i) {
+        const std::string v = req.get_header_value("Content-Length", i);
+        if (v.empty() || v.find_first_not_of("0123456789") != std::string::npos)
+            return bad;
+        if (i == 0)
+            first = v;
+        else if (v != first)
+            return Failure{400, "bad_request", "The request has two different Content-Length."};
+    }
+    const auto digits = first.find_first_not_of('0');
+    if (digits != std::string::npos && first.size() - digits > 18)
+        return Failure{413, "too_large", "The request body is too large."};
+    if (req.has_header("Transfer-Encoding"))
+        return Failure{400, "bad_request", "Content-Length and Transfer-Encoding together."};
+    return std::nullopt;
+}
+
+// The disk ran out: say so, rather than "internal error".
+bool isDiskFull(const std::exception &e)
+{
+    if (const auto *store = dynamic_cast<const StoreError *>(&e))
+        return store->full();
+    if (const auto *file = dynamic_cast<const fs::filesystem_error *>(&e))
+        return file->code() == std::errc::no_space_on_device;
+    return false;
+}
+
+const Failure kDiskFull{507, "storage_full", "The service is out of storage space."};
 
 // Closes the connection that carries this request, found by its port pair;
 // a test hook that must look like a network cut to the client.
@@ -255,16 +303,31 @@ struct HttpService::Context
 
 HttpService::HttpService(ServiceOptions options)
     : m_options(std::move(options))
+    , m_lookups(m_options.lookupLimit, m_options.limitWindow * 1000)
+    , m_unlocks(m_options.unlockLimit, m_options.limitWindow * 1000)
 {
-    fs::create_directories(fs::path(m_options.dataDir) / "transfers");
-    m_store = std::make_unique<Store>((fs::path(m_options.dataDir) / "lofthaven.db").string());
+    // Password hashes, e-mail addresses and messages: readable by the service alone,
+    // also when the folder was made earlier with wider modes.
+    const fs::path data(m_options.dataDir);
+    fs::create_directories(data / "transfers");
+    fs::permissions(data, fs::perms::owner_all);
+    fs::permissions(data / "transfers", fs::perms::owner_all);
+    const std::string db = (data / "lofthaven.db").string();
+    ::close(::open(db.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    for (const char *suffix : {"", "-wal", "-shm"}) {
+        std::error_code ec;
+        fs::permissions(db + suffix, fs::perms::owner_read | fs::perms::owner_write, ec);
+    }
+    m_store = std::make_unique<Store>(db);
     if (!m_options.tlsCert.empty()) {
         m_server = std::make_unique<httplib::SSLServer>(m_options.tlsCert.c_str(),
                                                         m_options.tlsKey.c_str());
         if (!m_server->is_valid())
             throw std::runtime_error("cannot load the TLS certificate or key");
     } else {
-        m_server = std::make_unique<httplib::Server>();
+        m_server = std::make_unique<GuardedServer>(
+            std::chrono::milliseconds(static_cast<int64_t>(m_options.headerTimeout * 1000)),
+            kMaxHeaderBytes);
     }
     const int threads = m_options.threads;
     m_server->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
@@ -272,7 +335,7 @@ HttpService::HttpService(ServiceOptions options)
     m_server->set_payload_max_length(static_cast<size_t>(m_options.maxPartSize) + 4096);
     m_server->set_read_timeout(60, 0);
     m_server->set_write_timeout(60, 0);
-    m_server->set_keep_alive_timeout(30);
+    m_server->set_keep_alive_timeout(5);
     m_server->set_keep_alive_max_count(1000);
     m_server->set_tcp_nodelay(true);
     routes();
@@ -398,12 +461,19 @@ void HttpService::routes()
         route("POST", "/__test/sweep", M::Json, bindFn(&HttpService::testSweep));
     }
 
-    m_server->set_pre_routing_handler([this](const httplib::Request &req, httplib::Response &) {
+    m_server->set_pre_routing_handler([this](const httplib::Request &req, httplib::Response &res) {
         t_stats = RequestStats{};
         t_stats.startedAt = now();
         // Ranges are answered by the download handler itself; left in place,
         // the library would slice error bodies too.
         const_cast<httplib::Request &>(req).ranges.clear();
+        if (const auto f = badContentLength(req)) {
+            // The body's end is unknown, so nothing after it on this connection can be read.
+            GuardedServer::closeAfterAnswer();
+            res.set_header("Connection", "close");
+            sendFailure(res, *f);
+            return httplib::Server::HandlerResponse::Handled;
+        }
         return httplib::Server::HandlerResponse::Unhandled;
     });
     m_server->set_error_handler(
@@ -411,12 +481,17 @@ void HttpService::routes()
             if (!res.body.empty())
                 return httplib::Server::HandlerResponse::Unhandled;
             Failure f{res.status, "http_" + std::to_string(res.status), "Request failed."};
-            if (res.status == 404)
+            if (GuardedServer::trip() == GuardedServer::Trip::HeadersTooLarge)
+                f = {431, "headers_too_large", "The request headers are too large."};
+            else if (GuardedServer::trip() == GuardedServer::Trip::HeadersTooSlow)
+                f = {408, "timeout", "The request headers took too long to arrive."};
+            else if (res.status == 404)
                 f = {404, "not_found", "Not found."};
             else if (res.status == 413)
                 f = {413, "too_large", "The request body is too large."};
             else if (res.status == 400)
                 f = {400, "bad_request", "The request could not be read."};
+            res.status = f.status;
             res.set_content(jsonText(errorBody(f)), "application/json");
             return httplib::Server::HandlerResponse::Handled;
         }));
@@ -520,7 +595,7 @@ void HttpService::dispatch(const httplib::Request &req, httplib::Response &res,
     } catch (const std::exception &e) {
         drain();
         std::fprintf(stderr, "error: %s %s: %s\n", req.method.c_str(), req.path.c_str(), e.what());
-        sendFailure(res, {500, "internal", "Internal error."});
+        sendFailure(res, isDiskFull(e) ? kDiskFull : Failure{500, "internal", "Internal error."});
     }
 
     // Response faults on in-memory bodies: cut after N bytes, or trickle.
@@ -860,8 +935,33 @@ bool HttpService::isOwner(Context &c, const Store::Row &r)
            c.user->id == Store::text(r[cUser]);
 }
 
+// The address a limit is kept for: the peer, or what a trusted proxy names.
+// IPv6 clients get a /64 each, as one host usually holds a whole /64.
+std::string HttpService::clientAddress(const httplib::Request &req) const
+{
+    std::string address = req.remote_addr;
+    if (!m_options.clientAddressHeader.empty() && req.has_header(m_options.clientAddressHeader))
+        address = req.get_header_value(m_options.clientAddressHeader);
+    in6_addr v6{};
+    if (inet_pton(AF_INET6, address.c_str(), &v6) == 1) {
+        std::memset(v6.s6_addr + 8, 0, 8);
+        char text[INET6_ADDRSTRLEN] = {};
+        inet_ntop(AF_INET6, &v6, text, sizeof text);
+        return std::string(text) + "/64";
+    }
+    return address;
+}
+
+// Six digits are few: without a limit the whole space is tried in minutes.
+void HttpService::limitCodeLookup(Context &c)
+{
+    if (const int64_t ms = m_lookups.take(clientAddress(c.req), now()))
+        tooMany(ms, "Too many code lookups from this address; wait a moment.");
+}
+
 void HttpService::codeLookup(Context &c)
 {
+    limitCodeLookup(c);
     const std::string code = c.match(1);
     if (code.size() != 6 || code.find_first_not_of("0123456789") != std::string::npos)
         fail(404, "not_found", "A code has 6 digits.");
@@ -901,8 +1001,15 @@ void HttpService::unlock(Context &c)
     if (!body.value("password").isString())
         fail(400, "bad_request", "password is missing.");
     const auto stored = Store::optText(r[cPassword]);
-    if (stored && !verifyPassword(str(body.value("password").toString()), *stored))
+    // Failures count per transfer, whoever guesses; past the limit even the right
+    // password waits, or the answer would tell a guesser when it was right.
+    const std::string id = Store::text(r[cId]);
+    if (const int64_t ms = stored ? m_unlocks.wait(id, now()) : 0)
+        tooMany(ms, "Too many wrong passwords for this transfer; wait a moment.");
+    if (stored && !verifyPassword(str(body.value("password").toString()), *stored)) {
+        m_unlocks.record(id, now());
         fail(403, "wrong_password", "Wrong password.");
+    }
     const std::string token = randomAlnum(40);
     m_store->exec("DELETE FROM unlock_tokens WHERE expires_at < ?", {now()});
     m_store->exec(
@@ -1028,6 +1135,20 @@ void HttpService::createTransfer(Context &c)
                      {"expiresAt", static_cast<double>(t + expiresIn * 1000)}});
 }
 
+// A part's temporary file: closed and removed on every way out, unless kept.
+struct PartFile
+{
+    std::string path;
+    int fd = -1;
+    ~PartFile()
+    {
+        if (fd >= 0)
+            ::close(fd);
+        if (!path.empty())
+            ::unlink(path.c_str());
+    }
+};
+
 void HttpService::putPart(Context &c)
 {
     const std::string id = c.match(1);
@@ -1044,7 +1165,10 @@ void HttpService::putPart(Context &c)
         fail(400, "bad_part",
              "Part number must be between 1 and " + std::to_string(partCount) + ".");
     const int64_t expected = number < partCount ? partSize : size - (partCount - 1) * partSize;
+    if (!c.reader)
+        fail(411, "length_required", "A part needs a Content-Length.");
     if (c.req.has_header("Content-Length")) {
+        // Digits only: checked before routing.
         const int64_t declared = std::stoll(c.header("Content-Length"));
         if (declared > expected)
             fail(413, "too_large",
@@ -1059,58 +1183,61 @@ void HttpService::putPart(Context &c)
 
     const std::string dir = transferDir(id);
     fs::create_directories(dir);
+    fs::permissions(dir, fs::perms::owner_all);
     const std::string finalPath = dir + "/" + partFileName(number);
-    const std::string tmpPath = finalPath + ".tmp-" + randomHex(6);
-    const int fd = ::open(tmpPath.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0)
-        throw std::runtime_error("cannot create " + tmpPath + ": " + std::strerror(errno));
+    PartFile tmp;
+    tmp.path = finalPath + ".tmp-" + randomHex(6);
+    tmp.fd = ::open(tmp.path.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0600);
+    if (tmp.fd < 0) {
+        tmp.path.clear();
+        if (errno == ENOSPC)
+            throw Failure(kDiskFull);
+        throw std::runtime_error("cannot create a part file: " + std::string(std::strerror(errno)));
+    }
     // Bytes go to disk as they arrive, through one small buffer.
     std::vector<char> buffer;
     buffer.reserve(kIoChunk);
     int64_t received = 0;
-    bool writeFailed = false;
+    int writeError = 0;
+    auto flush = [&](const char *data, size_t n) {
+        if (!writeError && !writeAll(tmp.fd, data, n))
+            writeError = errno;
+    };
     c.bodyConsumed = true;
-    if (!c.reader)
-        fail(411, "length_required", "A part needs a Content-Length.");
     const bool readOk = (*c.reader)([&](const char *data, size_t n) {
         received += static_cast<int64_t>(n);
         t_stats.bytesIn = received;
-        if (received > expected || writeFailed)
+        if (received > expected || writeError)
             return true; // keep reading so the connection stays usable
         if (buffer.size() + n > kIoChunk) {
-            if (!writeAll(fd, buffer.data(), buffer.size()))
-                writeFailed = true;
+            flush(buffer.data(), buffer.size());
             buffer.clear();
         }
-        if (n >= kIoChunk) {
-            if (!writeAll(fd, data, n))
-                writeFailed = true;
-        } else {
+        if (n >= kIoChunk)
+            flush(data, n);
+        else
             buffer.insert(buffer.end(), data, data + n);
-        }
         return true;
     });
-    if (!buffer.empty() && !writeFailed && received <= expected &&
-        !writeAll(fd, buffer.data(), buffer.size()))
-        writeFailed = true;
-    const bool synced = !writeFailed && ::fsync(fd) == 0;
-    ::close(fd);
-    if (!readOk || received != expected || !synced) {
-        ::unlink(tmpPath.c_str());
-        if (!readOk)
-            fail(400, "bad_request", "The part body was cut short.");
-        if (!synced)
-            fail(507, "storage", "The service could not store the part.");
+    if (!buffer.empty() && received <= expected)
+        flush(buffer.data(), buffer.size());
+    if (!writeError && ::fsync(tmp.fd) != 0)
+        writeError = errno;
+    if (!readOk)
+        fail(400, "bad_request", "The part body was cut short.");
+    if (writeError == ENOSPC || writeError == EDQUOT)
+        throw Failure(kDiskFull);
+    if (writeError)
+        fail(507, "storage", "The service could not store the part.");
+    if (received != expected)
         fail(received > expected ? 413 : 400, "bad_part_size",
              "Part " + std::to_string(number) + " must be " + std::to_string(expected) +
                  " bytes, not " + std::to_string(received) + ".",
              received > expected ? std::optional<int64_t>(expected) : std::nullopt);
-    }
-    if (::rename(tmpPath.c_str(), finalPath.c_str()) != 0) {
-        ::unlink(tmpPath.c_str());
-        throw std::runtime_error("cannot rename part: " + std::string(std::strerror(errno)));
-    }
-    fsyncDir(dir);
+    ::close(tmp.fd);
+    tmp.fd = -1;
+    // The rename happens under the store's lock, after the state check: a
+    // transfer completed meanwhile keeps the bytes its etags name.
     const std::string etag = randomHex(8);
     const bool registered = m_store->transaction([&] {
         const auto state = m_store->query("SELECT state FROM transfers WHERE id = ?", {id});
@@ -1119,6 +1246,10 @@ void HttpService::putPart(Context &c)
         m_store->exec("INSERT OR REPLACE INTO parts (transfer_id, part_number, size, etag) "
                       "VALUES (?, ?, ?, ?)",
                       {id, number, expected, etag});
+        if (::rename(tmp.path.c_str(), finalPath.c_str()) != 0)
+            throw std::runtime_error("cannot rename part: " + std::string(std::strerror(errno)));
+        tmp.path.clear();
+        fsyncDir(dir);
         return true;
     });
     if (!registered)
@@ -1148,40 +1279,43 @@ void HttpService::complete(Context &c)
         fail(410, "expired", "This transfer has expired.");
     const int64_t partCount = Store::integer(r[cPartCount]);
     const auto listed = body.value("parts").toArray();
-    std::map<int64_t, std::string> stored;
-    int64_t total = 0;
-    for (const auto &p :
-         m_store->query("SELECT part_number, size, etag FROM parts WHERE transfer_id = ?", {id})) {
-        stored[Store::integer(p[0])] = Store::text(p[2]);
-        total += Store::integer(p[1]);
-    }
-    for (int64_t n = 1; n <= partCount; ++n) {
-        if (!stored.count(n))
+    // Checked and marked in one transaction, so no part changes in between.
+    m_store->transaction([&] {
+        std::map<int64_t, std::string> stored;
+        int64_t total = 0;
+        for (const auto &p : m_store->query(
+                 "SELECT part_number, size, etag FROM parts WHERE transfer_id = ?", {id})) {
+            stored[Store::integer(p[0])] = Store::text(p[2]);
+            total += Store::integer(p[1]);
+        }
+        for (int64_t n = 1; n <= partCount; ++n) {
+            if (!stored.count(n))
+                fail(409, "incomplete",
+                     "Part " + std::to_string(n) + " of " + std::to_string(partCount) +
+                         " has not arrived.");
+        }
+        if (total != Store::integer(r[cSize]))
+            fail(409, "size_mismatch",
+                 "The parts hold " + std::to_string(total) + " bytes, not " +
+                     std::to_string(Store::integer(r[cSize])) + ".");
+        if (listed.size() != partCount)
             fail(409, "incomplete",
-                 "Part " + std::to_string(n) + " of " + std::to_string(partCount) +
-                     " has not arrived.");
-    }
-    if (total != Store::integer(r[cSize]))
-        fail(409, "size_mismatch",
-             "The parts hold " + std::to_string(total) + " bytes, not " +
-                 std::to_string(Store::integer(r[cSize])) + ".");
-    if (listed.size() != partCount)
-        fail(409, "incomplete",
-             "The list names " + std::to_string(listed.size()) + " of " +
-                 std::to_string(partCount) + " parts.");
-    for (int64_t i = 0; i < partCount; ++i) {
-        const auto p = listed[i].toObject();
-        const int64_t n = p.value("partNumber").toInteger(-1);
-        if (n != i + 1)
-            fail(409, "bad_order", "Parts must be listed in order from 1.");
-        if (str(p.value("etag").toString()) != stored[n])
-            fail(409, "etag_mismatch",
-                 "Part " + std::to_string(n) +
-                     " was replaced or is wrong; "
-                     "upload it again.");
-    }
-    m_store->exec("UPDATE transfers SET state = 'ready' WHERE id = ? AND state = 'uploading'",
-                  {id});
+                 "The list names " + std::to_string(listed.size()) + " of " +
+                     std::to_string(partCount) + " parts.");
+        for (int64_t i = 0; i < partCount; ++i) {
+            const auto p = listed[i].toObject();
+            const int64_t n = p.value("partNumber").toInteger(-1);
+            if (n != i + 1)
+                fail(409, "bad_order", "Parts must be listed in order from 1.");
+            if (str(p.value("etag").toString()) != stored[n])
+                fail(409, "etag_mismatch",
+                     "Part " + std::to_string(n) +
+                         " was replaced or is wrong; "
+                         "upload it again.");
+        }
+        m_store->exec("UPDATE transfers SET state = 'ready' WHERE id = ? AND state = 'uploading'",
+                      {id});
+    });
     answer();
 }
 
@@ -1307,8 +1441,14 @@ void HttpService::download(Context &c)
         safe.push_back(ch == '"' || ch == '\\' || static_cast<unsigned char>(ch) < 32 ? '_' : ch);
     c.res.set_header("Content-Disposition", "attachment; filename=\"" + safe + "\"");
     const std::string mime = Store::optText(r[cMime]).value_or("application/octet-stream");
+    // Only an answer that reaches the last byte can complete a download; it
+    // holds a slot from now on, so parallel starts cannot pass the limit.
+    std::shared_ptr<bool> slot;
+    if (last == size - 1)
+        slot = reserveDownload(id, r);
     if (length == 0) {
-        m_store->exec("UPDATE transfers SET downloads = downloads + 1 WHERE id = ?", {id});
+        finishDownload(id, true);
+        *slot = true;
         c.res.set_content("", mime);
         return;
     }
@@ -1332,11 +1472,10 @@ void HttpService::download(Context &c)
     const auto fault = t_stats.fault;
     const int64_t dropAt = fault ? fault->dropAfterBytes : -1;
     const int trickle = fault ? fault->trickleMs : 0;
-    Store *store = m_store.get();
     c.res.set_content_provider(
         static_cast<size_t>(length), mime,
-        [state, first, size, dropAt, trickle, id, store](size_t offset, size_t remaining,
-                                                         httplib::DataSink &sink) {
+        [this, state, first, size, dropAt, trickle, id, slot](size_t offset, size_t remaining,
+                                                              httplib::DataSink &sink) {
             if (dropAt >= 0 && static_cast<int64_t>(offset) >= dropAt)
                 return false;
             const int64_t pos = first + static_cast<int64_t>(offset);
@@ -1371,10 +1510,49 @@ void HttpService::download(Context &c)
             t_stats.bytesOut += got;
             // A download counts once, when the transfer's last byte goes out,
             // so a resumed download is one download.
-            if (pos + got == size)
-                store->exec("UPDATE transfers SET downloads = downloads + 1 WHERE id = ?", {id});
+            if (pos + got == size && slot && !*slot) {
+                *slot = true;
+                finishDownload(id, true);
+            }
             return true;
         });
+}
+
+// A slot for one download of the transfer; given back when the answer ends
+// without its last byte (the returned flag is still false then).
+std::shared_ptr<bool> HttpService::reserveDownload(const std::string &id, const Store::Row &r)
+{
+    const int64_t maxDownloads = Store::integer(r[cMaxDownloads]);
+    {
+        std::lock_guard lock(m_slotMutex);
+        if (maxDownloads > 0) {
+            const auto now = transferRow(id);
+            const int64_t done = now ? Store::integer((*now)[cDownloads]) : maxDownloads;
+            if (done >= maxDownloads)
+                fail(410, "limit_reached", "This transfer reached its download limit.");
+            if (done + m_reserved[id] >= maxDownloads) {
+                Failure f{429, "busy",
+                          "Every download this transfer allows is under way; try again shortly."};
+                f.retryAfter = kBusyRetrySeconds;
+                throw f;
+            }
+        }
+        ++m_reserved[id];
+    }
+    return std::shared_ptr<bool>(new bool(false), [this, id](bool *completed) {
+        if (!*completed)
+            finishDownload(id, false);
+        delete completed;
+    });
+}
+
+void HttpService::finishDownload(const std::string &id, bool completed)
+{
+    std::lock_guard lock(m_slotMutex);
+    if (completed)
+        m_store->exec("UPDATE transfers SET downloads = downloads + 1 WHERE id = ?", {id});
+    if (--m_reserved[id] <= 0)
+        m_reserved.erase(id);
 }
 
 void HttpService::manifest(Context &c)
@@ -1430,6 +1608,8 @@ void HttpService::transferPagePost(Context &c)
         unlock(api);
     } catch (const Failure &f) {
         c.res.status = f.status;
+        if (f.retryAfter >= 0)
+            c.res.set_header("Retry-After", std::to_string(f.retryAfter));
         c.res.set_content(messagePage("Can't download", f.message), "text/html; charset=utf-8");
         return;
     }
@@ -1443,6 +1623,14 @@ void HttpService::transferPagePost(Context &c)
 
 void HttpService::codePage(Context &c)
 {
+    try {
+        limitCodeLookup(c);
+    } catch (const Failure &f) {
+        c.res.status = f.status;
+        c.res.set_header("Retry-After", std::to_string(f.retryAfter));
+        c.res.set_content(messagePage("Slow down", f.message), "text/html; charset=utf-8");
+        return;
+    }
     const std::string code = c.match(1);
     const auto rows = m_store->query("SELECT id FROM transfers WHERE code = ? AND state = 'ready' "
                                      "AND expires_at > ? ORDER BY expires_at DESC LIMIT 1",

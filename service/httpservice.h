@@ -1,6 +1,7 @@
 #pragma once
 
 #include "faultinjector.h"
+#include "ratelimiter.h"
 #include "requestlog.h"
 #include "serviceoptions.h"
 #include "store.h"
@@ -11,6 +12,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -99,6 +101,10 @@ private:
     std::string deviceNote(const std::string &userCode);
     void sweep();
     void sweepLoop();
+    std::string clientAddress(const httplib::Request &req) const;
+    void limitCodeLookup(Context &c);
+    std::shared_ptr<bool> reserveDownload(const std::string &id, const Store::Row &r);
+    void finishDownload(const std::string &id, bool completed);
 
     ServiceOptions m_options;
     std::unique_ptr<httplib::Server> m_server;
@@ -112,6 +118,11 @@ private:
     std::condition_variable m_sweepWake;
     bool m_stopping = false;
     std::thread m_sweeper;
+    RateLimiter m_lookups;
+    RateLimiter m_unlocks;
+    // Downloads under way per transfer: each holds one of its remaining slots.
+    std::mutex m_slotMutex;
+    std::map<std::string, int> m_reserved;
 };
 
 } // namespace lofthaven::service
