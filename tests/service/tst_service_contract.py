@@ -458,7 +458,7 @@ class AbuseTest(ServiceCase):
                         request = self.part_request(c, 1, headers, b"01")
                     else:
                         request = (json_head + headers + "\r\n").encode() + b"{}"
-                    a, closed = self.svc.raw(request)
+                    a, closed = self.svc.raw(request, check_closed=True)
                     self.assert_error(a, status)
                     self.assertTrue(closed)
         two = self.part_request(c, 1, "Content-Length: 4\r\nContent-Length: 5\r\n", b"0123")
@@ -525,18 +525,25 @@ class AbuseTest(ServiceCase):
             sender.join()
             for s in slow:
                 s.close()
-        head = "GET /api/me HTTP/1.1\r\nHost: x\r\n"
-        # The library itself refuses a line over 8 KiB (400); the block is bounded here.
-        table = [("60 KiB of headers", 60 * 1024, 200), ("70 KiB of headers", 70 * 1024, 431),
-                 ("one 9 KiB line", 9 * 1024, 400)]
-        for name, size, status in table:
+        def headers_of(total, line=4000):
+            """A request whose line and headers, up to the blank line, are `total` bytes."""
+            head = "GET /api/me HTTP/1.1\r\nHost: x\r\n"
+            left = total - len(head) - 2
+            lines = ["X-Pad: %s\r\n" % ("b" * (line - 9))] * (left // line)
+            if left % line:
+                lines.append("X-Pad: %s\r\n" % ("b" * max(left % line - 9, 0)))
+            return (head + "".join(lines) + "\r\n").encode()
+
+        # The block is bounded at 64 KiB; the library itself refuses a line over 8 KiB (400).
+        table = [("64 KiB of headers", headers_of(64 * 1024), 200),
+                 ("one byte more", headers_of(64 * 1024 + 1), 431),
+                 ("many short lines", headers_of(200 * 1024, line=12), 431),
+                 ("one 9 KiB line", headers_of(9 * 1024 + 40, line=9 * 1024), 400)]
+        for name, request, status in table:
             with self.subTest(name):
-                if name.startswith("one"):
-                    lines = "X-Long: %s\r\n" % ("a" * size)
-                else:
-                    lines = "X-Pad: %s\r\n" % ("b" * 90) * (size // 100)
-                a, _ = self.svc.raw((head + lines + "\r\n").encode())
+                a, _ = self.svc.raw(request)
                 self.assertEqual(a.status, status, a.body)
+        self.assertEqual(len(headers_of(64 * 1024)), 64 * 1024)
 
     def test_parallel_downloads_respect_the_limit(self):
         payload = os.urandom(1000)
