@@ -414,7 +414,7 @@ class AbuseTest(ServiceCase):
     @classmethod
     def setUpClass(cls):
         cls.svc = Service(BINARY, "--test-hooks", "--min-part-size", "4", "--lookup-limit", "5",
-                          "--unlock-limit", "3", "--limit-window", "2", "--threads", "8",
+                          "--unlock-limit", "3", "--limit-window", "5", "--threads", "8",
                           "--header-timeout", "2")
 
     @classmethod
@@ -470,12 +470,11 @@ class AbuseTest(ServiceCase):
         """Checks a 429 and sleeps for its Retry-After."""
         self.assert_error(answer, 429, "rate_limited")
         wait = int(answer.header("Retry-After"))
-        self.assertTrue(1 <= wait <= 2, wait)
+        self.assertTrue(1 <= wait <= 5, wait)
         time.sleep(wait)
 
     def test_code_lookups_are_limited_per_address(self):
         c, _ = self.send(b"guess me")
-        time.sleep(2)  # lookups of other tests in this window
         for n in range(5):
             self.assert_error(self.get("/api/code/%06d" % n), 404)
         for path in ["/api/code/" + c["code"], "/r/" + c["code"]]:
