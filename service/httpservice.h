@@ -1,24 +1,29 @@
 #pragma once
 
-#include "faultinjector.h"
-#include "requestlog.h"
+#include "accountroutes.h"
+#include "devicesigninroutes.h"
+#include "downloadroutes.h"
+#include "pageroutes.h"
+#include "partroutes.h"
+#include "router.h"
+#include "servicecontext.h"
 #include "serviceoptions.h"
-#include "store.h"
+#include "sweeper.h"
+#include "testhookroutes.h"
+#include "transferroutes.h"
 
 #include <httplib.h>
 
-#include <QJsonObject>
-
-#include <atomic>
-#include <condition_variable>
 #include <memory>
 #include <optional>
-#include <thread>
+#include <string>
 
 namespace lofthaven::service {
 
-// The HTTP API, web pages and test hooks on one cpp-httplib server.
-// Handlers run on the server's thread pool; state lives in Store and on disk.
+// The HTTP API, web pages and test hooks on one cpp-httplib server: route
+// groups by resource, each in its own file, sharing one ServiceContext and
+// answering errors through one Router. Handlers run on the server's thread
+// pool; state lives in the Store and on disk.
 class HttpService
 {
 public:
@@ -31,87 +36,20 @@ public:
     bool run();
     void stop();
 
-    struct Context;
-    struct User
-    {
-        std::string id;
-        std::string email;
-        std::string name;
-    };
-
 private:
-    using Fn = std::function<void(Context &)>;
-    enum class BodyMode
-    {
-        None,
-        Json,
-        Stream
-    };
+    static std::unique_ptr<httplib::Server> makeServer(const ServiceOptions &options);
 
-    void routes();
-    void route(const std::string &method, const std::string &pattern, BodyMode mode, Fn fn);
-    void dispatch(const httplib::Request &req, httplib::Response &res,
-                  const httplib::ContentReader *reader, BodyMode mode, const Fn &fn);
-
-    // API
-    void me(Context &c);
-    void meTransfers(Context &c);
-    void meInbox(Context &c);
-    void cliLogin(Context &c);
-    void cliToken(Context &c);
-    void cliLogout(Context &c);
-    void codeLookup(Context &c);
-    void transferMeta(Context &c);
-    void unlock(Context &c);
-    void createTransfer(Context &c);
-    void putPart(Context &c);
-    void complete(Context &c);
-    void abort(Context &c);
-    void extend(Context &c);
-    void remove(Context &c);
-    void download(Context &c);
-    void manifest(Context &c);
-    // pages
-    void devicePageGet(Context &c);
-    void devicePagePost(Context &c);
-    void transferPageGet(Context &c);
-    void transferPagePost(Context &c);
-    void codePage(Context &c);
-    // test hooks
-    void testFaults(Context &c);
-    void testDevice(Context &c, bool approve);
-    void testLog(Context &c);
-    void testClock(Context &c);
-    void testSweep(Context &c);
-
-    int64_t now() const;
-    std::optional<User> userForToken(const std::string &token);
-    QJsonObject limitsFor(bool signedIn) const;
-    QJsonObject plans() const;
-    QJsonObject metaJson(const Store::Row &row);
-    std::optional<Store::Row> transferRow(const std::string &id);
-    bool isOwner(Context &c, const Store::Row &row);
-    Store::Row ownedTransfer(Context &c, const std::string &id, const char *forbidden);
-    std::string transferDir(const std::string &id) const;
-    void deleteTransferFiles(const std::string &id);
-    void discardTransfer(const std::string &id);
-    void decideDevice(const std::string &userCode, const std::string &email, bool approve);
-    std::string deviceNote(const std::string &userCode);
-    void sweep();
-    void sweepLoop();
-
-    ServiceOptions m_options;
+    ServiceContext m_context;
     std::unique_ptr<httplib::Server> m_server;
-    std::unique_ptr<Store> m_store;
-    RequestLog m_log;
-    FaultInjector m_faults;
-    std::string m_origin;
-    std::string m_publicOrigin;
-    std::atomic<int64_t> m_clockOffsetMs{0};
-    std::mutex m_sweepMutex;
-    std::condition_variable m_sweepWake;
-    bool m_stopping = false;
-    std::thread m_sweeper;
+    Router m_router;
+    Sweeper m_sweeper;
+    AccountRoutes m_accounts;
+    DeviceSignInRoutes m_devices;
+    TransferRoutes m_transfers;
+    PartRoutes m_parts;
+    DownloadRoutes m_downloads;
+    PageRoutes m_pages;
+    std::optional<TestHookRoutes> m_testHooks;
 };
 
 } // namespace lofthaven::service

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <iostream>
+#include <sys/stat.h>
 #include <thread>
 
 using namespace lofthaven::service;
@@ -41,6 +42,8 @@ int main(int argc, char **argv)
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+    // Everything the service writes (database, journal, parts) is its own.
+    ::umask(077);
 
     try {
         HttpService service(options);

@@ -1,5 +1,6 @@
 #include "serviceoptions.h"
 
+#include <algorithm>
 #include <charconv>
 #include <sstream>
 
@@ -38,7 +39,9 @@ std::string serviceUsage()
            "         [--anonymous-max-bytes BYTES] [--account-max-bytes BYTES]\n"
            "         [--anonymous-expiries S,S,..] [--account-expiries S,S,..]\n"
            "         [--daily-quota-bytes BYTES] [--device-interval SECONDS]\n"
-           "         [--device-expires-in SECONDS] [--threads N] [--sweep-seconds N]\n";
+           "         [--device-expires-in SECONDS] [--threads N] [--sweep-seconds N]\n"
+           "         [--header-timeout SECONDS] [--lookup-limit N] [--unlock-limit N]\n"
+           "         [--limit-window SECONDS] [--client-address-header NAME]\n";
 }
 
 bool parseServiceOptions(int argc, char **argv, ServiceOptions &o, std::string &error)
@@ -140,6 +143,30 @@ bool parseServiceOptions(int argc, char **argv, ServiceOptions &o, std::string &
             if (!number(n))
                 return false;
             o.sweepSeconds = static_cast<int>(std::max<int64_t>(1, n));
+        } else if (arg == "--header-timeout") {
+            if (!value(text))
+                return false;
+            try {
+                o.headerTimeout = std::stod(text);
+            } catch (...) {
+                o.headerTimeout = -1;
+            }
+            if (o.headerTimeout <= 0) {
+                error = "--header-timeout needs a positive number of seconds";
+                return false;
+            }
+        } else if (arg == "--lookup-limit" || arg == "--unlock-limit") {
+            if (!number(n))
+                return false;
+            (arg == "--lookup-limit" ? o.lookupLimit : o.unlockLimit) =
+                static_cast<int>(std::min<int64_t>(n, 1000000));
+        } else if (arg == "--limit-window") {
+            if (!number(o.limitWindow))
+                return false;
+            o.limitWindow = std::max<int64_t>(1, o.limitWindow);
+        } else if (arg == "--client-address-header") {
+            if (!value(o.clientAddressHeader))
+                return false;
         } else {
             error = "unknown option " + arg;
             return false;

@@ -24,8 +24,13 @@ struct ServiceOptions
     int64_t dailyQuotaBytes = 0; // 0: no daily quota
     double deviceInterval = 5;
     int64_t deviceExpiresIn = 600;
-    int threads = 32;
+    int threads = 128;
     int sweepSeconds = 60;
+    double headerTimeout = 10;       // seconds for a request line and its headers
+    int lookupLimit = 30;            // code lookups per client address per window
+    int unlockLimit = 10;            // failed unlocks per transfer per window
+    int64_t limitWindow = 60;        // seconds
+    std::string clientAddressHeader; // set by a trusted reverse proxy, e.g. X-Real-IP
 };
 
 // Parses argv; on a usage error returns false and fills error.

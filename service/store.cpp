@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 namespace lofthaven::service {
@@ -64,11 +65,26 @@ void Store::execRaw(const std::string &sql)
 {
     std::lock_guard lock(m_mutex);
     char *err = nullptr;
-    if (sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, &err) != SQLITE_OK) {
+    const int rc = sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, &err);
+    if (rc != SQLITE_OK) {
         std::string message = err ? err : "unknown";
         sqlite3_free(err);
-        throw std::runtime_error("sqlite: " + message);
+        raise("sqlite: " + message, rc);
     }
+}
+
+void Store::rollback() noexcept
+{
+    std::lock_guard lock(m_mutex);
+    if (!sqlite3_get_autocommit(m_db))
+        sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+void Store::raise(const std::string &what, int code)
+{
+    const int primary = code & 0xff;
+    throw StoreError(what, primary == SQLITE_FULL ||
+                               (primary == SQLITE_IOERR && sqlite3_system_errno(m_db) == ENOSPC));
 }
 
 void Store::migrate()
@@ -80,8 +96,9 @@ std::vector<Store::Row> Store::query(const std::string &sql, const std::vector<V
 {
     std::lock_guard lock(m_mutex);
     sqlite3_stmt *stmt = nullptr;
-    if (sqlite3_prepare_v2(m_db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK)
-        throw std::runtime_error(std::string("sqlite prepare: ") + sqlite3_errmsg(m_db));
+    const int prepared = sqlite3_prepare_v2(m_db, sql.c_str(), -1, &stmt, nullptr);
+    if (prepared != SQLITE_OK)
+        raise(std::string("sqlite prepare: ") + sqlite3_errmsg(m_db), prepared);
     for (size_t i = 0; i < params.size(); ++i) {
         const int at = static_cast<int>(i + 1);
         const auto &p = params[i];
@@ -104,7 +121,7 @@ std::vector<Store::Row> Store::query(const std::string &sql, const std::vector<V
         if (rc != SQLITE_ROW) {
             const std::string message = sqlite3_errmsg(m_db);
             sqlite3_finalize(stmt);
-            throw std::runtime_error("sqlite step: " + message);
+            raise("sqlite step: " + message, rc);
         }
         Row row;
         const int columns = sqlite3_column_count(stmt);

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <variant>
 #include <vector>
@@ -10,6 +11,20 @@
 struct sqlite3;
 
 namespace lofthaven::service {
+
+// A failed statement; full says the disk (or the database's size limit) ran out.
+class StoreError : public std::runtime_error
+{
+public:
+    StoreError(const std::string &what, bool full)
+        : std::runtime_error(what)
+        , m_full(full)
+    {}
+    bool full() const { return m_full; }
+
+private:
+    bool m_full;
+};
 
 // The metadata database: one SQLite connection in WAL mode, serialised by a
 // mutex. Statements are short; bulk bytes never pass through here.
@@ -44,7 +59,7 @@ public:
                 return result;
             }
         } catch (...) {
-            execRaw("ROLLBACK");
+            rollback();
             throw;
         }
     }
@@ -55,6 +70,10 @@ public:
 
 private:
     void execRaw(const std::string &sql);
+    // SQLite may already have rolled back by itself (a full disk at COMMIT); a
+    // second ROLLBACK would fail and hide the first error.
+    void rollback() noexcept;
+    [[noreturn]] void raise(const std::string &what, int code);
     void migrate();
 
     sqlite3 *m_db = nullptr;

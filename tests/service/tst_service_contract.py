@@ -1,13 +1,16 @@
 """Contract tests of lofthaven-service, driven by curl. Run: tst_service_contract.py BINARY"""
 import json
 import os
+import shutil
 import subprocess
 import sys
+import tempfile
+import threading
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from servicetest import Service  # noqa: E402
+from servicetest import Service, read  # noqa: E402
 
 BINARY = None
 MiB = 1024 * 1024
@@ -403,6 +406,226 @@ class ContractTest(ServiceCase):
         self.assertEqual([e["status"] for e in puts], [503, 503, 200, 499, 200])
         self.assertTrue(all(e["ownerToken"] and not e["authorization"] for e in puts))
         self.assertNotIn(c["ownerToken"], json.dumps(log))
+
+
+class AbuseTest(ServiceCase):
+    """A client that is not trusted: limits, slow senders, races and a full disk."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.svc = Service(BINARY, "--test-hooks", "--min-part-size", "4", "--lookup-limit", "5",
+                          "--unlock-limit", "3", "--limit-window", "5", "--threads", "8",
+                          "--header-timeout", "2")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.svc.close()
+
+    def part_request(self, created, number, headers, body=b""):
+        head = "PUT /api/transfers/%s/parts/%d HTTP/1.1\r\nHost: x\r\nX-Owner-Token: %s\r\n" % (
+            created["id"], number, created["ownerToken"])
+        return (head + headers + "\r\n").encode() + body
+
+    def open_files(self):
+        return len(os.listdir("/proc/%d/fd" % self.svc.proc.pid))
+
+    def test_part_without_length_releases_everything(self):
+        c = self.create(8)
+        before = self.open_files()
+        for _ in range(40):
+            a, _ = self.svc.raw(self.part_request(c, 1, ""))
+            self.assert_error(a, 411, "length_required")
+        self.assertLess(self.open_files(), before + 5)
+        self.assertEqual([n for n in os.listdir(self.folder(c)) if ".tmp-" in n], [])
+        chunked = self.part_request(c, 1, "Transfer-Encoding: chunked\r\n", b"4\r\n0123\r\n0\r\n\r\n")
+        self.assertEqual(self.svc.raw(chunked)[0].status, 200)
+
+    def test_malformed_content_length(self):
+        c = self.create(8)
+        json_head = "POST /api/transfers HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+        table = [
+            # (Content-Length value, status of a part, status of JSON); each is answered at
+            # once, then the connection closes. An empty value counts as none.
+            ("abc", 400, 400), ("-5", 400, 400), ("100x", 400, 400), ("2^63", 400, 400),
+            ("1 2", 400, 400), ("+4", 400, 400), ("", 411, 400),
+            ("9223372036854775808", 413, 413), ("99999999999999999999999", 413, 413),
+        ]
+        for value, part_status, json_status in table:
+            for target, status in [("part", part_status), ("json", json_status)]:
+                with self.subTest(value=value, target=target):
+                    headers = "Content-Length: %s\r\n" % value
+                    if target == "part":
+                        request = self.part_request(c, 1, headers, b"01")
+                    else:
+                        request = (json_head + headers + "\r\n").encode() + b"{}"
+                    a, closed = self.svc.raw(request, check_closed=True)
+                    self.assert_error(a, status)
+                    self.assertTrue(closed)
+        two = self.part_request(c, 1, "Content-Length: 4\r\nContent-Length: 5\r\n", b"0123")
+        self.assert_error(self.svc.raw(two)[0], 400)
+        self.assertEqual(self.svc.raw(self.part_request(c, 1, "Content-Length: 4\r\n", b"0123"))[0]
+                         .status, 200)
+
+    def wait_for(self, answer):
+        """Checks a 429 and sleeps for its Retry-After."""
+        self.assert_error(answer, 429, "rate_limited")
+        wait = int(answer.header("Retry-After"))
+        self.assertTrue(1 <= wait <= 5, wait)
+        time.sleep(wait)
+
+    def test_code_lookups_are_limited_per_address(self):
+        c, _ = self.send(b"guess me")
+        for n in range(5):
+            self.assert_error(self.get("/api/code/%06d" % n), 404)
+        for path in ["/api/code/" + c["code"], "/r/" + c["code"]]:
+            with self.subTest(path):
+                self.assertEqual(self.get(path).status, 429)
+        other = self.get("/api/code/" + c["code"], args=["--interface", "127.0.0.2"])
+        self.assertEqual((other.status, other.json()), (200, {"id": c["id"]}))
+        self.wait_for(self.get("/api/code/" + c["code"]))
+        self.assertEqual(self.get("/api/code/" + c["code"]).json(), {"id": c["id"]})
+
+    def test_unlock_attempts_are_limited_per_transfer(self):
+        c, _ = self.send(b"locked", password="right")
+        other, _ = self.send(b"also locked", password="right")
+        unlock = "/api/transfers/%s/unlock"
+        for _ in range(3):
+            self.assert_error(self.post(unlock % c["id"], {"password": "wrong"}), 403)
+        page = self.post("/d/" + c["id"], "password=right",
+                         {"Content-Type": "application/x-www-form-urlencoded"})
+        self.assertEqual(page.status, 429)
+        self.assertEqual(self.post(unlock % other["id"], {"password": "right"}).status, 200)
+        self.wait_for(self.post(unlock % c["id"], {"password": "right"}))
+        token = self.post(unlock % c["id"], {"password": "right"}).json()["token"]
+        self.assertEqual(self.get("/dl/%s?t=%s" % (c["id"], token)).body, b"locked")
+
+    def test_slow_clients_cannot_stop_a_send(self):
+        stop = threading.Event()
+        slow = [self.svc.connect() for _ in range(16)]  # twice the workers
+
+        def trickle():
+            for s in slow:
+                s.sendall(b"GET / HTTP/1.1\r\nHost: x\r\n")
+            while not stop.wait(0.5):
+                for s in slow:
+                    try:
+                        s.sendall(b"X-Slow: 1\r\n")
+                    except OSError:
+                        pass
+
+        sender = threading.Thread(target=trickle)
+        sender.start()
+        try:
+            time.sleep(0.5)
+            c, _ = self.send(b"sent while others trickle")
+            self.assertEqual(self.get("/dl/" + c["id"]).body, b"sent while others trickle")
+        finally:
+            stop.set()
+            sender.join()
+            for s in slow:
+                s.close()
+        def headers_of(total, line=4000):
+            """A request whose line and headers, up to the blank line, are `total` bytes."""
+            head = "GET /api/me HTTP/1.1\r\nHost: x\r\n"
+            left = total - len(head) - 2
+            lines = ["X-Pad: %s\r\n" % ("b" * (line - 9))] * (left // line)
+            if left % line:
+                lines.append("X-Pad: %s\r\n" % ("b" * max(left % line - 9, 0)))
+            return (head + "".join(lines) + "\r\n").encode()
+
+        # The block is bounded at 64 KiB; the library itself refuses a line over 8 KiB (400).
+        table = [("64 KiB of headers", headers_of(64 * 1024), 200),
+                 ("one byte more", headers_of(64 * 1024 + 1), 431),
+                 ("many short lines", headers_of(200 * 1024, line=12), 431),
+                 ("one 9 KiB line", headers_of(9 * 1024 + 40, line=9 * 1024), 400)]
+        for name, request, status in table:
+            with self.subTest(name):
+                a, _ = self.svc.raw(request)
+                self.assertEqual(a.status, status, a.body)
+        self.assertEqual(len(headers_of(64 * 1024)), 64 * 1024)
+
+    def test_parallel_downloads_respect_the_limit(self):
+        payload = os.urandom(1000)
+        c, _ = self.send(payload, part_size=400, maxDownloads=1)
+        # Each download takes about two seconds, so all eight are under way together.
+        self.post("/__test/faults", {"method": "GET", "path": "/dl/*", "count": 8, "trickleMs": 2})
+        with tempfile.TemporaryDirectory() as tmp:
+            runs = []
+            for n in range(8):
+                out = os.path.join(tmp, "dl%d" % n)
+                runs.append((out, subprocess.Popen(
+                    ["curl", "-sS", "-o", out, "-w", "%{http_code}",
+                     self.svc.origin + "/dl/" + c["id"]], stdout=subprocess.PIPE)))
+            statuses = [int(p.communicate(timeout=60)[0]) for _, p in runs]
+            whole = [out for out, _ in runs if read(out) == payload]
+        self.svc.curl("DELETE", "/__test/faults")
+        self.assertEqual(len(whole), 1, statuses)
+        self.assertTrue(set(statuses) <= {200, 410, 429}, statuses)
+        self.assertEqual(self.get("/api/transfers/" + c["id"]).json()["downloads"], 1)
+        self.assert_error(self.get("/dl/" + c["id"]), 410, "limit_reached")
+
+    def test_late_part_cannot_replace_completed_bytes(self):
+        c = self.create(8)
+        etags = self.put_parts(c, b"01234567", [1, 2])
+        with self.svc.connect() as late:
+            late.sendall(self.part_request(c, 1, "Content-Length: 4\r\n", b"XX"))
+            time.sleep(0.3)
+            self.assertEqual(self.complete(c, part_list(etags)).status, 200)
+            late.sendall(b"YY")
+            self.assertIn(b" 409 ", late.recv(4096).split(b"\r\n")[0] + b" ")
+        self.assertEqual(self.get("/dl/" + c["id"]).body, b"01234567")
+
+
+class FilesTest(ServiceCase):
+    def test_private_modes(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            data = os.path.join(tmp, "data")
+            os.mkdir(data, 0o755)
+            self.svc = Service(BINARY, "--min-part-size", "4", data=data)
+            try:
+                c, _ = self.send(b"private bytes")
+                paths = {".": 0o700, "transfers": 0o700, "transfers/" + c["id"]: 0o700,
+                         "lofthaven.db": 0o600, "lofthaven.db-wal": 0o600,
+                         "transfers/%s/part-000001" % c["id"]: 0o600}
+                for path, mode in paths.items():
+                    with self.subTest(path):
+                        got = os.stat(os.path.join(data, path)).st_mode & 0o777
+                        self.assertEqual(oct(got), oct(mode))
+            finally:
+                self.svc.close()
+
+    def test_full_disk_answers_507(self):
+        probe = subprocess.run(["unshare", "--user", "--map-root-user", "--mount", "true"],
+                               capture_output=True)
+        if probe.returncode != 0:
+            self.skipTest("no user namespaces here to mount a small file system")
+        data = tempfile.mkdtemp(prefix="lh-full-")
+        mount = 'mount -t tmpfs -o size=1m tmpfs "$0" && exec "$@"'
+        self.svc = Service(BINARY, "--min-part-size", "4", data=data,
+                           wrapper=["unshare", "--user", "--map-root-user", "--mount", "sh", "-c",
+                                    mount, data])
+        try:
+            chunk = 64 * 1024
+            c = self.create(64 * chunk, chunk, name="big.bin", files=[])
+            statuses = []
+            for n in range(1, 65):
+                a = self.put(c, n, os.urandom(chunk))
+                statuses.append(a.status)
+                if a.status != 200:
+                    self.assertEqual(self.assert_error(a, 507, "storage_full")["message"],
+                                     "The service is out of storage space.")
+                    break
+            self.assertEqual(statuses[-1], 507)
+            # The metadata database now runs out of room too.
+            for _ in range(100):
+                a = self.post("/api/transfers", transfer_body(4, 4))
+                if a.status != 200:
+                    break
+            self.assert_error(a, 507, "storage_full")
+            self.assertNotIn(b"cannot rollback", read(os.path.join(data, "stderr.log")))
+        finally:
+            self.svc.stop()
+            shutil.rmtree(data, ignore_errors=True)
 
 
 class ProcessTest(ServiceCase):
