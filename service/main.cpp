@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <iostream>
+#include <string_view>
 #include <sys/stat.h>
 #include <thread>
 
@@ -25,6 +26,12 @@ bool isLoopback(const std::string &host)
 
 int main(int argc, char **argv)
 {
+    for (int i = 1; i < argc; ++i) {
+        if (std::string_view(argv[i]) == "--help" || std::string_view(argv[i]) == "-h") {
+            std::fputs(serviceUsage().c_str(), stdout);
+            return 0;
+        }
+    }
     ServiceOptions options;
     std::string error;
     if (!parseServiceOptions(argc, argv, options, error)) {

@@ -41,7 +41,7 @@ std::string serviceUsage()
            "         [--daily-quota-bytes BYTES] [--device-interval SECONDS]\n"
            "         [--device-expires-in SECONDS] [--threads N] [--sweep-seconds N]\n"
            "         [--header-timeout SECONDS] [--lookup-limit N] [--unlock-limit N]\n"
-           "         [--limit-window SECONDS] [--client-address-header NAME]\n";
+           "         [--limit-window SECONDS] [--client-address-header NAME] [--help]\n";
 }
 
 bool parseServiceOptions(int argc, char **argv, ServiceOptions &o, std::string &error)
