@@ -13,7 +13,7 @@ packages=(
   # independent checkers and clients used by the self-test, tests and benchmarks
   unzip libarchive-tools p7zip-full python3 curl openssl procps
   # private session buses, a real keyring and its command-line client for the platform tests
-  dbus gnome-keyring libsecret-tools zbar-tools desktop-file-utils
+  dbus gnome-keyring libsecret-tools zbar-tools desktop-file-utils appstream
   # fuzzing (scripts/fuzz.sh): clang, its libFuzzer and sanitizer runtimes, llvm-symbolizer
   clang-14 libclang-rt-14-dev llvm-14
 )
