@@ -264,6 +264,9 @@ public:
     Q_INVOKABLE void refreshInbox(bool force);
     QCoro::Task<void> refreshInboxTask(bool force);
     Q_INVOKABLE void markInboxSeen();
+    // Downloads the inbox transfer with that id (the devices screen's "Download"); ignored when
+    // it is no longer listed.
+    Q_INVOKABLE void downloadInbox(const QString &id);
 
     // ---- history ----
     HistoryList *history() const { return m_history; }
