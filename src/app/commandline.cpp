@@ -71,6 +71,18 @@ void installInterruptHandler()
 
 } // namespace
 
+bool isCommandLineInvocation(const QStringList &arguments)
+{
+    const qsizetype at = commandIndex(arguments);
+    if (at < 0)
+        return false;
+    static const QStringList kVerbs = {QStringLiteral("send"),   QStringLiteral("receive"),
+                                       QStringLiteral("login"),  QStringLiteral("logout"),
+                                       QStringLiteral("whoami"), QStringLiteral("help")};
+    const QString &command = arguments.at(at);
+    return kVerbs.contains(command) || command.startsWith(QLatin1Char('-'));
+}
+
 std::optional<int> runCommandLine(const QStringList &arguments)
 {
     const qsizetype at = commandIndex(arguments);
