@@ -8,6 +8,7 @@
 #include "platform/preferences.h"
 
 #include <QClipboard>
+#include <QDesktopServices>
 #include <QDir>
 #include <QGuiApplication>
 #include <QMimeData>
@@ -37,6 +38,22 @@ inline QQuickItem *findItem(QQuickItem *item, const QString &name, bool visibleO
 inline QQuickItem *findItem(QQuickWindow *window, const QString &name, bool visibleOnly = true)
 {
     return window ? findItem(window->contentItem(), name, visibleOnly) : nullptr;
+}
+
+// The visible item named `name` whose property `key` holds `value` (a row of a list).
+inline QQuickItem *findItemWith(QQuickItem *item, const QString &name, const char *key,
+                                const QVariant &value)
+{
+    if (!item || !item->isVisible())
+        return nullptr;
+    if (item->objectName() == name && item->property(key) == value)
+        return item;
+    const QList<QQuickItem *> children = item->childItems();
+    for (QQuickItem *child : children) {
+        if (QQuickItem *found = findItemWith(child, name, key, value))
+            return found;
+    }
+    return nullptr;
 }
 
 inline QString textOf(QQuickItem *item)
@@ -114,6 +131,27 @@ inline QString decodeQr(QQuickItem *item, const QString &folder)
     return QString::fromUtf8(zbar.readAllStandardOutput()).trimmed();
 }
 
+// Takes the links the app opens (browser, mail) instead of the desktop, so a test never
+// starts a browser and can check what would have been opened.
+class OpenedUrls : public QObject
+{
+    Q_OBJECT
+public:
+    OpenedUrls()
+    {
+        for (const char *scheme : {"http", "https", "mailto", "file"})
+            QDesktopServices::setUrlHandler(QString::fromLatin1(scheme), this, "open");
+    }
+    ~OpenedUrls() override
+    {
+        for (const char *scheme : {"http", "https", "mailto", "file"})
+            QDesktopServices::unsetUrlHandler(QString::fromLatin1(scheme));
+    }
+    QList<QUrl> urls;
+public Q_SLOTS:
+    void open(const QUrl &url) { urls.append(url); }
+};
+
 // Saves the window as NAME-THEME.png into LOFTHAVEN_SCREENSHOTS, when set.
 inline void screenshot(QQuickWindow *window, const QString &name)
 {
@@ -142,6 +180,7 @@ inline void screenshot(QQuickWindow *window, const QString &name)
         lofthaven::setStringPreference(                                                            \
             lofthaven::Preference::Theme,                                                          \
             qEnvironmentVariable("LOFTHAVEN_THEME", QStringLiteral("light")));                     \
+        lofthaven::testing::OpenedUrls opened;                                                     \
         TestObject test;                                                                           \
         QTEST_SET_MAIN_SOURCE_PATH                                                                 \
         return QTest::qExec(&test, argc, argv);                                                    \

@@ -9,6 +9,7 @@ Card {
     objectName: "historyRow"
     // The history row: id, code, url, name, size, expiresAt, createdAt, fileCount, toSelf, extended.
     required property var model
+    readonly property string transferId: row.model.id
     readonly property bool expired: row.model.expiresAt.getTime() < Date.now()
     padding: 12
 
