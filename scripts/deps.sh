@@ -8,12 +8,18 @@ packages=(
   cmake g++ make pkg-config
   qt6-base-dev qcoro-qt6-dev libcurl4-openssl-dev zlib1g-dev libarchive-dev
   libcpp-httplib-dev libsqlite3-dev libssl-dev qtkeychain-qt6-dev libqrcodegencpp-dev
+  # the window: Qt Quick and its controls, SVG icons and an icon theme
+  qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls
+  qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtquick-templates
+  qml6-module-qtquick-dialogs qml6-module-qtqml-workerscript libqt6svg6 adwaita-icon-theme
   # runtime: the credential store (QtKeychain loads libsecret itself), opening the browser
   libsecret-1-0 xdg-utils
   # independent checkers and clients used by the self-test, tests and benchmarks
   unzip libarchive-tools p7zip-full python3 curl openssl procps
   # private session buses, a real keyring and its command-line client for the platform tests
   dbus gnome-keyring libsecret-tools
+  # the window's tests: a virtual display and an independent QR reader
+  xvfb xauth zbar-tools
 )
 if [ "${1:-}" = "--with-browser" ]; then
   packages+=(chromium python3-websocket)

@@ -27,7 +27,7 @@ var names = {
     "person.crop.circle": "avatar-default-symbolic",
     "person.crop.circle.fill": "avatar-default-symbolic",
     "person.crop.circle.badge.checkmark": "avatar-default-symbolic",
-    "link": "insert-link-symbolic",
+    "link": "lofthaven-link",
     "qrcode": "lofthaven-qr-code",
     "trash": "user-trash-symbolic",
     "clock.badge.plus": "appointment-new-symbolic",
