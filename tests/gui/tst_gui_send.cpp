@@ -69,6 +69,15 @@ private Q_SLOTS:
         QCOMPARE(textOf(item(QStringLiteral("chooseFilesButton"))),
                  QStringLiteral("Choose Files…"));
         screenshot(m_window, QStringLiteral("send-empty"));
+
+        // Paste with no files on the clipboard says where files come from.
+        QGuiApplication::clipboard()->setText(QStringLiteral("not a file"));
+        QVERIFY(click(item(QStringLiteral("pasteButton"))));
+        QTRY_COMPARE(
+            textOf(item(QStringLiteral("noticeText"))),
+            QStringLiteral("Copy files in your file manager (Ctrl+C), then paste them here."));
+        QVERIFY(click(item(QStringLiteral("noticeClose"))));
+        QTRY_VERIFY(!item(QStringLiteral("noticeBanner")));
     }
 
     // A folder dropped, counted and sent with a password; the result shows the service's

@@ -4,6 +4,7 @@
 #include "app/desktop/clipboardfiles.h"
 #include "platform/bytecount.h"
 #include "platform/folders.h"
+#include "platform/preferences.h"
 
 #include <QClipboard>
 #include <QCoreApplication>
@@ -51,6 +52,19 @@ QString DesktopBridge::downloadFolderName() const
 QVariantList DesktopBridge::downloadLimits()
 {
     return {0, 1, 5, 10, 50, 100};
+}
+
+bool DesktopBridge::unzipAfterDownload() const
+{
+    return boolPreference(Preference::UnzipAfterDownload);
+}
+
+void DesktopBridge::setUnzipAfterDownload(bool unzip)
+{
+    if (unzip == unzipAfterDownload())
+        return;
+    setBoolPreference(Preference::UnzipAfterDownload, unzip);
+    Q_EMIT unzipAfterDownloadChanged();
 }
 
 QString DesktopBridge::formatBytes(qint64 bytes)
@@ -104,7 +118,11 @@ QString DesktopBridge::formatTime(const QVariant &when)
         time = QDateTime::fromMSecsSinceEpoch(qint64(ms));
     if (!time.isValid())
         return {};
-    return QLocale().toString(time.toLocalTime(), QLocale::ShortFormat);
+    // Minutes are precise enough for an expiry.
+    const QLocale locale;
+    QString format = locale.dateTimeFormat(QLocale::ShortFormat);
+    format.remove(QStringLiteral(":ss"));
+    return locale.toString(time.toLocalTime(), format);
 }
 
 QString DesktopBridge::downloadLimitLabel(int count)

@@ -19,6 +19,8 @@ class DesktopBridge : public QObject
     Q_PROPERTY(QString version READ version CONSTANT)
     Q_PROPERTY(QString downloadFolderName READ downloadFolderName NOTIFY downloadFolderChanged)
     Q_PROPERTY(QVariantList downloadLimits READ downloadLimits CONSTANT)
+    Q_PROPERTY(bool unzipAfterDownload READ unzipAfterDownload WRITE setUnzipAfterDownload NOTIFY
+                   unzipAfterDownloadChanged)
 
 public:
     explicit DesktopBridge(QObject *parent = nullptr);
@@ -29,6 +31,9 @@ public:
     QString downloadFolderName() const;
     // The download-limit picker's values, in order (0 means no limit).
     static QVariantList downloadLimits();
+    // The "unzipAfterDownload" preference, which the receive card's switch shows and sets.
+    bool unzipAfterDownload() const;
+    void setUnzipAfterDownload(bool unzip);
 
     Q_INVOKABLE static QString formatBytes(qint64 bytes);
     Q_INVOKABLE static QString formatExpiry(qint64 seconds);
@@ -55,6 +60,7 @@ public:
 
 Q_SIGNALS:
     void downloadFolderChanged();
+    void unzipAfterDownloadChanged();
 };
 
 } // namespace lofthaven

@@ -13,6 +13,7 @@
 #include "receive/downloadjob.h"
 
 #include <QClipboard>
+#include <QDateTime>
 #include <QDesktopServices>
 #include <QFileInfo>
 #include <QGuiApplication>
@@ -138,6 +139,20 @@ int runDesktop(int &argc, char **argv)
         if (!shell.open()) {
             std::fputs("lofthaven: the window could not be loaded.\n", stderr);
             return 1;
+        }
+        // For the start-up benchmark: the wall-clock time of the first frame on screen.
+        if (qEnvironmentVariableIsSet("LOFTHAVEN_REPORT_FIRST_FRAME")) {
+            QObject::connect(
+                shell.window(), &QQuickWindow::frameSwapped, &app,
+                [] {
+                    static bool reported = false;
+                    if (!reported) {
+                        reported = true;
+                        std::fprintf(stderr, "first-frame-epoch-ms %lld\n",
+                                     static_cast<long long>(QDateTime::currentMSecsSinceEpoch()));
+                    }
+                },
+                Qt::DirectConnection);
         }
         QStringList arguments = app.arguments();
         arguments.removeFirst();

@@ -96,7 +96,8 @@ Card {
             objectName: "unzipSwitch"
             visible: card.zipped
             text: qsTr("Unzip after download")
-            checked: true
+            checked: desktop.unzipAfterDownload
+            onToggled: desktop.unzipAfterDownload = checked
             leftPadding: 0
         }
 
