@@ -1,8 +1,9 @@
 # One QtTest executable per subject:
 #   lofthaven_add_test(NAME zipstream SOURCES tst_zipstream.cpp LIBS lofthaven_send)
-# The test runs from the build tree with a UTF-8 locale and no display.
+# The test runs from the build tree with a UTF-8 locale and no display. WRAPPER runs it under
+# another command, e.g. WRAPPER dbus-run-session -- for a private session bus.
 function(lofthaven_add_test)
-  cmake_parse_arguments(T "" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(T "" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS;WRAPPER" ${ARGN})
   set(target tst_${T_NAME})
   add_executable(${target} ${T_SOURCES})
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
@@ -11,7 +12,7 @@ function(lofthaven_add_test)
   target_compile_definitions(${target} PRIVATE
     LOFTHAVEN_BIN_DIR="${CMAKE_BINARY_DIR}/bin"
     LOFTHAVEN_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
-  add_test(NAME ${T_NAME} COMMAND ${target})
+  add_test(NAME ${T_NAME} COMMAND ${T_WRAPPER} $<TARGET_FILE:${target}>)
   if(NOT T_TIMEOUT)
     set(T_TIMEOUT 300)
   endif()

@@ -17,9 +17,9 @@ packages=(
   # independent checkers and clients used by the self-test, tests and benchmarks
   unzip libarchive-tools p7zip-full python3 curl openssl procps
   # private session buses, a real keyring and its command-line client for the platform tests
-  dbus gnome-keyring libsecret-tools
-  # the window's tests: a virtual display and an independent QR reader
-  xvfb xauth zbar-tools
+  dbus gnome-keyring libsecret-tools zbar-tools desktop-file-utils
+  # the window's tests: a virtual display
+  xvfb xauth
 )
 if [ "${1:-}" = "--with-browser" ]; then
   packages+=(chromium python3-websocket)

@@ -6,6 +6,7 @@
 #include "api/serviceorigin.h"
 #include "app/accountcommands.h"
 #include "app/commandcontext.h"
+#include "app/historycommands.h"
 #include "app/receivecommand.h"
 #include "app/sendcommand.h"
 #include "platform/preferences.h"
@@ -34,6 +35,9 @@ const char *const kUsage = "Usage:\n"
                            "  lofthaven login [--no-browser] [--json]\n"
                            "  lofthaven logout\n"
                            "  lofthaven whoami [--json]\n"
+                           "  lofthaven history [--json]\n"
+                           "  lofthaven extend ID | delete [--yes] ID | forget ID\n"
+                           "  lofthaven inbox [--json]\n"
                            "  lofthaven --selftest-offline [folder]\n"
                            "  lofthaven --selftest [folder]\n"
                            "\n"
@@ -76,9 +80,12 @@ bool isCommandLineInvocation(const QStringList &arguments)
     const qsizetype at = commandIndex(arguments);
     if (at < 0)
         return false;
-    static const QStringList kVerbs = {QStringLiteral("send"),   QStringLiteral("receive"),
-                                       QStringLiteral("login"),  QStringLiteral("logout"),
-                                       QStringLiteral("whoami"), QStringLiteral("help")};
+    // Every verb runCommandLine() knows.
+    static const QStringList kVerbs = {
+        QStringLiteral("send"),   QStringLiteral("receive"), QStringLiteral("login"),
+        QStringLiteral("logout"), QStringLiteral("whoami"),  QStringLiteral("history"),
+        QStringLiteral("extend"), QStringLiteral("delete"),  QStringLiteral("forget"),
+        QStringLiteral("inbox"),  QStringLiteral("help")};
     const QString &command = arguments.at(at);
     return kVerbs.contains(command) || command.startsWith(QLatin1Char('-'));
 }
@@ -105,12 +112,19 @@ std::optional<int> runCommandLine(const QStringList &arguments)
         Receive,
         Login,
         Logout,
-        Whoami
+        Whoami,
+        History,
+        Extend,
+        Delete,
+        Forget,
+        Inbox
     };
     static const QList<std::pair<QString, Verb>> kVerbs = {
         {QStringLiteral("send"), Verb::Send},     {QStringLiteral("receive"), Verb::Receive},
         {QStringLiteral("login"), Verb::Login},   {QStringLiteral("logout"), Verb::Logout},
-        {QStringLiteral("whoami"), Verb::Whoami},
+        {QStringLiteral("whoami"), Verb::Whoami}, {QStringLiteral("history"), Verb::History},
+        {QStringLiteral("extend"), Verb::Extend}, {QStringLiteral("delete"), Verb::Delete},
+        {QStringLiteral("forget"), Verb::Forget}, {QStringLiteral("inbox"), Verb::Inbox},
     };
     const auto found = std::find_if(kVerbs.cbegin(), kVerbs.cend(),
                                     [&](const auto &entry) { return entry.first == command; });
@@ -148,6 +162,13 @@ std::optional<int> runCommandLine(const QStringList &arguments)
     case Verb::Whoami:
         parser.setApplicationDescription(QStringLiteral("Show the account, its plan and limits."));
         addWhoamiOptions(parser);
+        break;
+    case Verb::History:
+    case Verb::Extend:
+    case Verb::Delete:
+    case Verb::Forget:
+    case Verb::Inbox:
+        addHistoryOptions(parser, command);
         break;
     }
     if (!parser.parse(commandArguments)) {
@@ -207,6 +228,21 @@ std::optional<int> runCommandLine(const QStringList &arguments)
         break;
     case Verb::Whoami:
         status = waitForTask(whoamiCommand(context));
+        break;
+    case Verb::History:
+        status = waitForTask(historyCommand(context));
+        break;
+    case Verb::Extend:
+        status = waitForTask(extendCommand(context));
+        break;
+    case Verb::Delete:
+        status = waitForTask(deleteCommand(context));
+        break;
+    case Verb::Forget:
+        status = waitForTask(forgetCommand(context));
+        break;
+    case Verb::Inbox:
+        status = waitForTask(inboxCommand(context));
         break;
     }
     interruptPoll.stop();

@@ -3,6 +3,7 @@
 #include "api/accountsession.h"
 #include "api/apperror.h"
 #include "app/progressprinter.h"
+#include "model/historyfile.h"
 #include "platform/bytecount.h"
 #include "platform/devicename.h"
 #include "platform/folders.h"
@@ -11,6 +12,7 @@
 #include "send/sendplan.h"
 #include "send/uploader.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -168,6 +170,11 @@ QCoro::Task<int> sendCommand(CommandContext context)
         auto uploading = uploader.run(context.stop);
         const UploadResult result = co_await uploading;
         progress.stop();
+        // The app's history lists it too, with the owner token for extend and delete.
+        HistoryFile::add(
+            HistoryFile::defaultPath(),
+            HistoryEntry::fromUpload(result, plan, options,
+                                     double(QDateTime::currentDateTimeUtc().toMSecsSinceEpoch())));
 
         const CompletedTransfer &done = result.completed;
         if (json) {

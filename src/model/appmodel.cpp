@@ -8,9 +8,11 @@
 #include "model/historyfile.h"
 #include "model/sendrules.h"
 #include "platform/folders.h"
+#include "platform/notifications.h"
 #include "platform/preferences.h"
 #include "platform/runinpool.h"
 #include "platform/stoppablesleep.h"
+#include "platform/systemresumewatcher.h"
 #include "receive/downloadtopartial.h"
 #include "receive/lookup.h"
 
@@ -48,7 +50,7 @@ AppModel::AppModel(AccountSession *session, QObject *parent)
     , m_clock([] { return QDateTime::currentDateTimeUtc(); })
     , m_sleeper(&stoppableSleep)
     , m_clipboard([](const QString &) {})
-    , m_notify([](const QString &, const QString &, const std::optional<QString> &, bool) {})
+    , m_notify(&postNotification)
     , m_session(session ? session : new AccountSession(this))
     , m_jobs(new SendJobList(this))
     , m_downloads(new DownloadList(this))
@@ -100,6 +102,24 @@ void AppModel::start()
         refreshAccount();
     checkForUpdate();
     startPolling();
+    // Waking the computer refreshes the inbox; becoming active is reported by the desktop
+    // shell through setApplicationActive().
+    auto *resume = new SystemResumeWatcher(this);
+    connect(resume, &SystemResumeWatcher::resumed, this, &AppModel::systemResumed);
+}
+
+void AppModel::downloadInboxItem(const QString &id)
+{
+    checkThread();
+    const std::optional<TransferMeta> item = m_inbox->find(id);
+    if (!item)
+        return;
+    if (item->hasPassword.value_or(false)) {
+        // No password can come with a notification: the job says what is missing.
+        detach(downloadFoundTask(*item, {}, std::nullopt));
+        return;
+    }
+    startDownload(*item, std::nullopt, std::nullopt, true);
 }
 
 void AppModel::post(const QString &title, const QString &body,
@@ -116,7 +136,8 @@ void AppModel::setTab(Tab tab)
         return;
     m_tab = tab;
     Q_EMIT tabChanged();
-    if (m_tab == Tab::Devices && m_applicationActive)
+    // Choosing the tab is the user looking at it.
+    if (m_tab == Tab::Devices)
         markInboxSeen();
 }
 
@@ -244,6 +265,12 @@ void AppModel::signedOutNow()
         options.expiresIn = defaultOptions().expiresIn;
     setOptions(options);
     publishNewInboxCount();
+}
+
+void AppModel::clearNotice()
+{
+    m_session->clearNotice();
+    setNotice({});
 }
 
 void AppModel::setNotice(const QString &notice)

@@ -125,7 +125,8 @@ public:
     // Builds the state the way the app starts: defaults, history file, seen and announced inbox
     // items, the account of `session` (whose load() the caller has awaited, so a stored token
     // and the cached account show at once), and the default send options. Starts nothing.
-    // Without a session the model makes its own, signed out.
+    // Without a session the model makes its own, signed out. A given session must outlive the
+    // model.
     explicit AppModel(AccountSession *session = nullptr, QObject *parent = nullptr);
     ~AppModel() override;
 
@@ -168,7 +169,7 @@ public:
 
     QString notice() const { return m_notice; }
     void setNotice(const QString &notice);
-    Q_INVOKABLE void clearNotice() { setNotice({}); }
+    Q_INVOKABLE void clearNotice();
 
     // ---- staging ----
     QStringList staged() const { return m_staged; }
@@ -264,9 +265,8 @@ public:
     Q_INVOKABLE void refreshInbox(bool force);
     QCoro::Task<void> refreshInboxTask(bool force);
     Q_INVOKABLE void markInboxSeen();
-    // Downloads the inbox transfer with that id (the devices screen's "Download"); ignored when
-    // it is no longer listed.
-    Q_INVOKABLE void downloadInbox(const QString &id);
+    // The "Download" action of an inbox notification.
+    Q_INVOKABLE void downloadInboxItem(const QString &id);
 
     // ---- history ----
     HistoryList *history() const { return m_history; }

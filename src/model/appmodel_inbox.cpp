@@ -126,13 +126,6 @@ QCoro::Task<void> AppModel::refreshInboxTask(bool force)
     publishNewInboxCount();
 }
 
-void AppModel::downloadInbox(const QString &id)
-{
-    checkThread();
-    if (const std::optional<TransferMeta> meta = m_inbox->find(id))
-        startDownload(*meta, std::nullopt, std::nullopt, false);
-}
-
 void AppModel::markInboxSeen()
 {
     checkThread();

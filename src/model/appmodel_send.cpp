@@ -6,6 +6,7 @@
 #include "model/detach.h"
 #include "model/sendrules.h"
 #include "platform/bytecount.h"
+#include "platform/devicename.h"
 #include "platform/folders.h"
 #include "platform/runinpool.h"
 #include "send/speedmeter.h"
@@ -73,6 +74,8 @@ QCoro::Task<void> AppModel::runJob(SendJob *job, APIClient client, QString tempR
     const auto counter = job->counter();
 
     Uploader uploader(client, plan, options, tempRoot, counter);
+    if (options.toSelf)
+        uploader.setDeviceName(deviceName());
     SpeedMeter meter;
     QTimer ticker;
     ticker.setInterval(250);

@@ -60,4 +60,11 @@ bool HistoryFile::write(const QString &path, const QList<HistoryEntry> &entries)
     return true;
 }
 
+bool HistoryFile::add(const QString &path, const HistoryEntry &entry)
+{
+    QList<HistoryEntry> entries = read(path).value_or(QList<HistoryEntry>());
+    entries.prepend(entry);
+    return write(path, entries);
+}
+
 } // namespace lofthaven

@@ -26,6 +26,8 @@ public:
     static QByteArray encode(const QList<HistoryEntry> &entries);
     // Replaces the file atomically and makes it 0600. Returns false when it could not.
     static bool write(const QString &path, const QList<HistoryEntry> &entries);
+    // Puts a new entry at the front of what the file holds now (a bad file counts as empty).
+    static bool add(const QString &path, const HistoryEntry &entry);
 };
 
 } // namespace lofthaven

@@ -46,6 +46,7 @@ class TestCommandLine : public QObject
                            m_dir.path() + QStringLiteral("/cache"));
         environment.insert(QStringLiteral("XDG_CONFIG_HOME"),
                            m_dir.path() + QStringLiteral("/config"));
+        environment.insert(QStringLiteral("XDG_DATA_HOME"), m_dir.path() + QStringLiteral("/data"));
         process.setProcessEnvironment(environment);
         process.start(QStringLiteral(LOFTHAVEN_BIN_DIR "/lofthaven"), arguments);
         process.write(input);
@@ -298,6 +299,42 @@ private Q_SLOTS:
                  "Cancelled.");
         QCOMPARE(m_service.requests({}, QStringLiteral("/abort")).size(), 1);
         m_service.clearFaults();
+    }
+
+    // A send from the terminal joins the history the app shows; extend, forget and delete work
+    // on it by ID.
+    void historyOfTheCommandLine()
+    {
+        const QString file = m_dir.filePath(QStringLiteral("history/listed.txt"));
+        QVERIFY(writeFile(file, "listed"));
+        const Outcome sent = lofthaven({"send", "--json", file});
+        QCOMPARE(sent.status, 0);
+        const QString id = sent.json().value(QStringLiteral("id")).toString();
+
+        const Outcome listed = lofthaven({"history", "--json"});
+        QCOMPARE(listed.status, 0);
+        const QJsonObject first = QJsonDocument::fromJson(listed.out).array().first().toObject();
+        QCOMPARE(first.value(QStringLiteral("id")).toString(), id);
+        QCOMPARE(first.value(QStringLiteral("code")), sent.json().value(QStringLiteral("code")));
+        QCOMPARE(first.value(QStringLiteral("url")), sent.json().value(QStringLiteral("url")));
+        QCOMPARE(first.value(QStringLiteral("extended")).toBool(), false);
+        QVERIFY(!first.contains(QStringLiteral("ownerToken")));
+        QVERIFY(!listed.out.contains("owner"));
+
+        const Outcome extended = lofthaven({"extend", id});
+        QCOMPARE(extended.status, 0);
+        QVERIFY(extended.out.startsWith("Extended by 3 days."));
+        const Outcome again = lofthaven({"extend", id});
+        QCOMPARE(again.status, 1);
+        QCOMPARE(again.err.trimmed(), QByteArray("This transfer was already extended once."));
+        const QJsonArray after =
+            QJsonDocument::fromJson(lofthaven({"history", "--json"}).out).array();
+        QVERIFY(after.first().toObject().value(QStringLiteral("extended")).toBool());
+
+        QCOMPARE(lofthaven({"delete", "--yes", id}).status, 0);
+        QCOMPARE(curlDownload(sent.json().value(QStringLiteral("url")).toString()), QByteArray());
+        QCOMPARE(lofthaven({"forget", id}).status, 1); // gone from the history with the delete
+        QCOMPARE(lofthaven({"inbox"}).status, 1);      // signed out
     }
 
     void onlineSelfTest()

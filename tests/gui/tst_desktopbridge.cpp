@@ -1,13 +1,9 @@
 // What the screens show that is computed on the desktop side: expiry and download-limit
-// wording, the code in two groups, the theme decision, and files read off the clipboard.
-#include "app/desktop/clipboardfiles.h"
+// wording, the code in two groups, and the theme decision.
 #include "app/desktop/desktopbridge.h"
 #include "app/desktop/themewatcher.h"
 
-#include <QMimeData>
-#include <QTemporaryDir>
 #include <QTest>
-#include <QUrl>
 
 using namespace lofthaven;
 
@@ -80,30 +76,6 @@ private Q_SLOTS:
         QFETCH(int, system);
         QFETCH(bool, dark);
         QCOMPARE(ThemeWatcher::isDark(theme, ThemeWatcher::SystemScheme(system)), dark);
-    }
-
-    // A file manager's copy: standard URI lists and GNOME's own format; text is not a file.
-    void clipboard()
-    {
-        QTemporaryDir dir;
-        const QString a = dir.filePath(QStringLiteral("a b.txt"));
-        const QString b = dir.filePath(QStringLiteral("folder"));
-        QFile(a).open(QIODevice::WriteOnly);
-        QDir().mkpath(b);
-
-        QMimeData uris;
-        uris.setUrls({QUrl::fromLocalFile(a), QUrl::fromLocalFile(b),
-                      QUrl::fromLocalFile(dir.filePath(QStringLiteral("gone")))});
-        QCOMPARE(clipboardFiles(&uris), QStringList({a, b}));
-
-        QMimeData gnome;
-        gnome.setData(QStringLiteral("x-special/gnome-copied-files"),
-                      "copy\n" + QUrl::fromLocalFile(a).toEncoded() + "\n");
-        QCOMPARE(clipboardFiles(&gnome), QStringList{a});
-
-        QMimeData text;
-        text.setText(a);
-        QVERIFY(clipboardFiles(&text).isEmpty());
     }
 };
 

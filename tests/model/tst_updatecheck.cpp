@@ -1,10 +1,14 @@
 // The update check: version comparison, what an answer means, and a real fetch of the manifest.
 #include "api/serviceorigin.h"
+#include "isolatedhome.h"
 #include "localservice.h"
+#include "model/appmodel.h"
 #include "model/updatecheck.h"
+#include "platform/preferences.h"
 #include "platform/waitfortask.h"
 #include "testdata.h"
 
+#include <QSignalSpy>
 #include <QTest>
 
 using namespace lofthaven;
@@ -136,6 +140,27 @@ private Q_SLOTS:
         QVERIFY(!sent.last().toObject().value(QStringLiteral("authorization")).toBool());
     }
 
+    void modelPublishesUntilDismissed()
+    {
+        QVERIFY(writeFile(m_service.dataDir() + QStringLiteral("/desktop.json"),
+                          R"({"version":"98.0","notes":"Newer."})"));
+        AppModel model;
+        QSignalSpy changed(&model, &AppModel::updateChanged);
+        waitForTask(model.checkForUpdateTask());
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(model.updateMap().value(QStringLiteral("version")).toString(),
+                 QStringLiteral("98.0"));
+        model.dismissUpdate();
+        QCOMPARE(changed.size(), 2);
+        QVERIFY(!model.update());
+        QCOMPARE(stringPreference(Preference::DismissedUpdate), QStringLiteral("98.0"));
+        waitForTask(model.checkForUpdateTask());
+        QCOMPARE(changed.size(), 2);
+        AppModel restarted;
+        waitForTask(restarted.checkForUpdateTask());
+        QVERIFY(!restarted.update());
+    }
+
     void failuresAreSilent()
     {
         m_service.addFault({{"path", "/downloads/desktop.json"}, {"status", 503}});
@@ -146,5 +171,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestUpdateCheck)
+LOFTHAVEN_ISOLATED_TEST_MAIN(TestUpdateCheck)
 #include "tst_updatecheck.moc"

@@ -1,8 +1,8 @@
 #include "app/desktop/desktopbridge.h"
 
 #include "api/serviceorigin.h"
-#include "app/desktop/clipboardfiles.h"
 #include "platform/bytecount.h"
+#include "platform/clipboardfiles.h"
 #include "platform/folders.h"
 #include "platform/preferences.h"
 
@@ -157,7 +157,12 @@ void DesktopBridge::copyText(const QString &text) const
 
 QStringList DesktopBridge::clipboardFiles() const
 {
-    return lofthaven::clipboardFiles(QGuiApplication::clipboard()->mimeData());
+    QStringList paths;
+    for (const QUrl &url : clipboardFileUrls()) {
+        if (QFileInfo::exists(url.toLocalFile()))
+            paths.append(url.toLocalFile());
+    }
+    return paths;
 }
 
 void DesktopBridge::openUrl(const QString &url) const

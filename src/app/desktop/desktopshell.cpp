@@ -8,6 +8,8 @@
 #include "app/desktop/qrimageprovider.h"
 #include "app/desktop/themewatcher.h"
 #include "model/appmodel.h"
+#include "platform/desktopapp.h"
+#include "platform/notifications.h"
 #include "platform/preferences.h"
 #include "platform/waitfortask.h"
 #include "receive/downloadjob.h"
@@ -63,6 +65,7 @@ bool DesktopShell::open()
     m_model->setClipboardWriter(
         [](const QString &text) { QGuiApplication::clipboard()->setText(text); });
     m_theme->watchPortal();
+    setNotificationHandler([this](const NotificationEvent &event) { notificationAnswered(event); });
 
     qmlRegisterUncreatableType<AppModel>("Lofthaven", 1, 0, "AppModel", QStringLiteral("model"));
     qmlRegisterUncreatableType<SendJob>("Lofthaven", 1, 0, "SendJob", QStringLiteral("job"));
@@ -80,6 +83,24 @@ bool DesktopShell::open()
         return false;
     m_model->start();
     return true;
+}
+
+void DesktopShell::notificationAnswered(const NotificationEvent &event)
+{
+    if (event.kind != NotificationEvent::Kind::Action)
+        return;
+    const bool download = event.action == QLatin1String(kDownloadAction);
+    if (download && event.transferID) {
+        m_model->downloadInboxItem(*event.transferID);
+        return;
+    }
+    if (!download && event.transferID)
+        m_model->setTab(AppModel::Tab::Devices);
+    if (QQuickWindow *shown = window()) {
+        shown->show();
+        shown->raise();
+        shown->requestActivate();
+    }
 }
 
 QQuickWindow *DesktopShell::window() const
@@ -123,6 +144,7 @@ int runDesktop(int &argc, char **argv)
                    stderr);
         return 2;
     }
+    setDesktopApp(true);
     QGuiApplication app(argc, argv);
     QGuiApplication::setApplicationVersion(QStringLiteral(LOFTHAVEN_VERSION));
     DesktopShell::setUpApplication();

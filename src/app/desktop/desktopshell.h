@@ -14,6 +14,7 @@ class AccountSession;
 class AppModel;
 class DesktopBridge;
 class ThemeWatcher;
+struct NotificationEvent;
 
 // The window and everything behind it: the account session, the one application model, the
 // desktop operations and the theme, handed to the screens as "model", "desktop" and "theme".
@@ -41,6 +42,9 @@ public:
     QQuickWindow *window() const;
 
 private:
+    // A click on one of our notifications: download an inbox item, or show the window.
+    void notificationAnswered(const NotificationEvent &event);
+
     AccountSession *m_session;
     AppModel *m_model = nullptr;
     DesktopBridge *m_bridge;

@@ -1,6 +1,6 @@
 #include "app/desktop/qrimageprovider.h"
 
-#include "app/desktop/qrimage.h"
+#include "platform/qrimage.h"
 
 #include <QUrl>
 
@@ -13,11 +13,7 @@ QrImageProvider::QrImageProvider()
 QImage QrImageProvider::requestImage(const QString &id, QSize *size, const QSize &requestedSize)
 {
     const QString text = QUrl::fromPercentEncoding(id.toUtf8());
-    const QImage unit = qrImage(text, 1);
-    int scale = 8;
-    if (requestedSize.width() > 0)
-        scale = std::max(1, requestedSize.width() / unit.width());
-    const QImage image = scale == 1 ? unit : qrImage(text, scale);
+    const QImage image = qrImage(text, requestedSize.width() > 0 ? requestedSize.width() : 256);
     if (size)
         *size = image.size();
     return image;

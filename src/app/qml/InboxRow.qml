@@ -53,7 +53,7 @@ Card {
             text: qsTr("Download")
             icon.name: Symbols.icon("arrow.down.circle.fill")
             icon.color: palette.buttonText
-            onClicked: { appModel.downloadInbox(row.model.id); appModel.tab = 1 }
+            onClicked: { appModel.downloadInboxItem(row.model.id); appModel.tab = 1 }
         }
     }
 }

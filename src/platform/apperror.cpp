@@ -1,4 +1,4 @@
-#include "api/apperror.h"
+#include "platform/apperror.h"
 
 namespace lofthaven {
 
