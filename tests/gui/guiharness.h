@@ -66,6 +66,8 @@ inline bool click(QQuickItem *item)
 {
     if (!item || !item->isVisible() || !item->isEnabled() || !item->window())
         return false;
+    // Let a layout that just changed settle before aiming at the item.
+    QTest::qWait(50);
     item->forceActiveFocus();
     const QPoint centre =
         item->mapToScene(QPointF(item->width() / 2, item->height() / 2)).toPoint();

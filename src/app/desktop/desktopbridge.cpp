@@ -143,7 +143,7 @@ QString DesktopBridge::fileName(const QString &path)
 QString DesktopBridge::mailtoLink(const QString &link, const QString &name)
 {
     QUrlQuery query;
-    query.addQueryItem(QStringLiteral("subject"), QString(name).toHtmlEscaped());
+    query.addQueryItem(QStringLiteral("subject"), name);
     query.addQueryItem(QStringLiteral("body"), link);
     QUrl url(QStringLiteral("mailto:"));
     url.setQuery(query);

@@ -8,7 +8,7 @@ Item {
     id: view
     objectName: "devicesView"
 
-    onVisibleChanged: if (visible && appModel.signedIn) { appModel.refreshInbox(false); appModel.markInboxSeen() }
+    onVisibleChanged: if (visible && appModel.signedIn) appModel.refreshInbox(false)
 
     SignInPrompt {
         visible: !appModel.signedIn
