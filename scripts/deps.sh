@@ -8,6 +8,10 @@ packages=(
   cmake g++ make pkg-config
   qt6-base-dev qcoro-qt6-dev libcurl4-openssl-dev zlib1g-dev libarchive-dev
   libcpp-httplib-dev libsqlite3-dev libssl-dev qtkeychain-qt6-dev libqrcodegencpp-dev
+  # the window: Qt Quick and its controls, SVG icons and an icon theme
+  qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls
+  qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtquick-templates
+  qml6-module-qtquick-dialogs qml6-module-qtqml-workerscript libqt6svg6 adwaita-icon-theme
   # runtime: the credential store (QtKeychain loads libsecret itself), opening the browser
   libsecret-1-0 xdg-utils
   # independent checkers and clients used by the self-test, tests and benchmarks
@@ -16,6 +20,8 @@ packages=(
   dbus gnome-keyring libsecret-tools zbar-tools desktop-file-utils appstream
   # fuzzing (scripts/fuzz.sh): clang, its libFuzzer and sanitizer runtimes, llvm-symbolizer
   clang-14 libclang-rt-14-dev llvm-14
+  # the window's tests: a virtual display
+  xvfb xauth
 )
 if [ "${1:-}" = "--packaging" ]; then
   packages+=(debhelper dpkg-dev fakeroot lintian desktop-file-utils appstream librsvg2-bin

@@ -73,7 +73,47 @@ void installInterruptHandler()
     sigaction(SIGTERM, &action, nullptr);
 }
 
+enum class Verb
+{
+    Send,
+    Receive,
+    Login,
+    Logout,
+    Whoami,
+    History,
+    Extend,
+    Delete,
+    Forget,
+    Inbox
+};
+
+std::optional<Verb> findVerb(const QString &command)
+{
+    static const QList<std::pair<QString, Verb>> kVerbs = {
+        {QStringLiteral("send"), Verb::Send},     {QStringLiteral("receive"), Verb::Receive},
+        {QStringLiteral("login"), Verb::Login},   {QStringLiteral("logout"), Verb::Logout},
+        {QStringLiteral("whoami"), Verb::Whoami}, {QStringLiteral("history"), Verb::History},
+        {QStringLiteral("extend"), Verb::Extend}, {QStringLiteral("delete"), Verb::Delete},
+        {QStringLiteral("forget"), Verb::Forget}, {QStringLiteral("inbox"), Verb::Inbox},
+    };
+    const auto found = std::find_if(kVerbs.cbegin(), kVerbs.cend(),
+                                    [&](const auto &entry) { return entry.first == command; });
+    if (found == kVerbs.cend())
+        return std::nullopt;
+    return found->second;
+}
+
 } // namespace
+
+bool isCommandLineInvocation(const QStringList &arguments)
+{
+    const qsizetype at = commandIndex(arguments);
+    if (at < 0)
+        return false;
+    const QString &command = arguments.at(at);
+    return command == QLatin1String("help") || findVerb(command).has_value() ||
+           command.startsWith(QLatin1Char('-'));
+}
 
 std::optional<int> runCommandLine(const QStringList &arguments)
 {
@@ -91,31 +131,10 @@ std::optional<int> runCommandLine(const QStringList &arguments)
                                  QCoreApplication::applicationVersion());
         return 0;
     }
-    enum class Verb
-    {
-        Send,
-        Receive,
-        Login,
-        Logout,
-        Whoami,
-        History,
-        Extend,
-        Delete,
-        Forget,
-        Inbox
-    };
-    static const QList<std::pair<QString, Verb>> kVerbs = {
-        {QStringLiteral("send"), Verb::Send},     {QStringLiteral("receive"), Verb::Receive},
-        {QStringLiteral("login"), Verb::Login},   {QStringLiteral("logout"), Verb::Logout},
-        {QStringLiteral("whoami"), Verb::Whoami}, {QStringLiteral("history"), Verb::History},
-        {QStringLiteral("extend"), Verb::Extend}, {QStringLiteral("delete"), Verb::Delete},
-        {QStringLiteral("forget"), Verb::Forget}, {QStringLiteral("inbox"), Verb::Inbox},
-    };
-    const auto found = std::find_if(kVerbs.cbegin(), kVerbs.cend(),
-                                    [&](const auto &entry) { return entry.first == command; });
-    if (found == kVerbs.cend())
+    const std::optional<Verb> found = findVerb(command);
+    if (!found)
         return std::nullopt;
-    const Verb verb = found->second;
+    const Verb verb = *found;
     const bool send = verb == Verb::Send;
 
     QStringList commandArguments = arguments;

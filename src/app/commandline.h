@@ -12,4 +12,8 @@ namespace lofthaven {
 // are not a command-line invocation.
 std::optional<int> runCommandLine(const QStringList &arguments);
 
+// Whether the arguments name a verb or an option of the command line (rather than files and
+// links for the window). Needs no application object.
+bool isCommandLineInvocation(const QStringList &arguments);
+
 } // namespace lofthaven

@@ -2,6 +2,7 @@
 #include "api/httptransport.h"
 #include "api/serviceorigin.h"
 #include "app/commandline.h"
+#include "app/desktop/desktopshell.h"
 #include "app/onlineselftest.h"
 #include "app/selftest.h"
 
@@ -83,6 +84,15 @@ int runSelfTest(QCoreApplication &app, const Invocation &invocation)
 
 int main(int argc, char *argv[])
 {
+    QStringList rawArguments;
+    for (int i = 0; i < argc; ++i)
+        rawArguments.append(QString::fromLocal8Bit(argv[i]));
+    // The window only when no verb or self-test is asked for: the command line never needs a
+    // display.
+    if (parseArguments(rawArguments).mode == Mode::Desktop &&
+        !isCommandLineInvocation(rawArguments))
+        return runDesktop(argc, argv);
+
     QCoreApplication app(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Lofthaven"));
     QCoreApplication::setApplicationName(QStringLiteral("Lofthaven"));
@@ -106,8 +116,6 @@ int main(int argc, char *argv[])
     }
     if (const std::optional<int> status = runCommandLine(app.arguments()))
         return *status;
-    std::fputs("The desktop screens are not built yet; run lofthaven --selftest-offline to "
-               "check the send engine.\n",
-               stderr);
-    return 1;
+    std::fprintf(stderr, "lofthaven: unknown option; see lofthaven --help.\n");
+    return 2;
 }

@@ -112,8 +112,11 @@ void TestSelfTest::run_data()
     row("without a folder", {"--selftest-offline"}, {}, passes, 0);
     row("refused origin fails before any check", {"--selftest"},
         {"LOFTHAVEN_ORIGIN=http://example.com"}, {"SELFTEST FAILED: …"}, 1);
-    row("switches are case-sensitive", {"--SELFTEST-offline", "@"}, {}, {}, 1);
-    row("no switch: no desktop yet", {}, {}, {}, 1);
+    // An unknown option is a usage error.
+    row("switches are case-sensitive", {"--SELFTEST-offline", "@"}, {}, {}, 2);
+    // No switch opens the window, which needs a display: without one it says so and stops.
+    row("no switch and no display", {}, {"DISPLAY=", "WAYLAND_DISPLAY=", "QT_QPA_PLATFORM="}, {},
+        2);
 }
 
 void TestSelfTest::run()

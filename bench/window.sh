@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# The window's costs, measured against the local service:
+#   1. launch to first frame on screen (warm cache: the first launch is not counted);
+#   2. idle with nothing running: CPU share and wake-ups per second over 10 s, resident memory;
+#   3. a large send started from the window against the same send from the command line
+#      (skipped when MiB is 0).
+# Usage: bench/window.sh [MiB=2048] [launches=5]   (BUILD_DIR=build; uses xvfb-run without a display)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=$root/${BUILD_DIR:-build}
+mib=${1:-2048}
+launches=${2:-5}
+if [ -z "${DISPLAY:-}" ] && [ -z "${XVFB_WRAPPED:-}" ]; then
+  XVFB_WRAPPED=1 exec xvfb-run -a -s "-screen 0 1280x900x24" "$0" "$@"
+fi
+cmake --build "$build" --target lofthaven lofthaven-service lofthaven-bench-window >/dev/null
+work=$(mktemp -d)
+export HOME=$work/home XDG_RUNTIME_DIR=$work/run LANG=C.UTF-8
+mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$work/data"; chmod 700 "$XDG_RUNTIME_DIR"
+"$build/bin/lofthaven-service" --listen 127.0.0.1:0 --data "$work/data" \
+  --anonymous-max-bytes $((1 << 50)) >"$work/ready" 2>"$work/service.log" &
+service=$!
+trap 'kill $service 2>/dev/null; wait $service 2>/dev/null; rm -rf "$work"' EXIT
+for _ in $(seq 100); do grep -q http "$work/ready" && break; sleep 0.1; done
+export LOFTHAVEN_ORIGIN=$(grep -o 'https\?://[^ ]*' "$work/ready")
+
+first_frame() { # prints milliseconds from exec to the first frame
+  local start pid ms
+  start=$(date +%s%3N)
+  LOFTHAVEN_REPORT_FIRST_FRAME=1 "$build/bin/lofthaven" 2>"$work/frame" &
+  pid=$!
+  for _ in $(seq 200); do grep -q first-frame "$work/frame" && break; sleep 0.05; done
+  ms=$(( $(awk '/first-frame/ {print $2}' "$work/frame") - start ))
+  echo "$ms $pid"
+}
+
+read -r _ pid < <(first_frame); kill "$pid"; wait "$pid" 2>/dev/null || true
+frames=()
+for _ in $(seq "$launches"); do
+  read -r ms pid < <(first_frame)
+  frames+=("$ms")
+  kill "$pid"; wait "$pid" 2>/dev/null || true
+done
+median=$(printf '%s\n' "${frames[@]}" | sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
+
+# Idle: let start-up work (account, update check) settle, then watch 10 s.
+read -r _ pid < <(first_frame)
+sleep 3
+ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
+switches() { awk '/^voluntary_ctxt_switches/ {v=$2} /^nonvoluntary_ctxt_switches/ {n=$2} END {print v+n}' "/proc/$1/status"; }
+t0=$(ticks "$pid"); s0=$(switches "$pid")
+sleep 10
+t1=$(ticks "$pid"); s1=$(switches "$pid")
+rss=$(awk '/^VmRSS/ {print $2}' "/proc/$pid/status")
+kill "$pid"; wait "$pid" 2>/dev/null || true
+hz=$(getconf CLK_TCK)
+cpu=$(awk -v d=$((t1 - t0)) -v hz="$hz" 'BEGIN {printf "%.2f", d / hz / 10 * 100}')
+wake=$(awk -v d=$((s1 - s0)) 'BEGIN {printf "%.1f", d / 10}')
+
+printf '%-44s %12s %12s\n' measure value goal
+printf '%-44s %10s ms %12s\n' "launch to first frame (median of $launches)" "$median" "<= 1000 ms"
+printf '%-44s %11s %% %12s\n' "idle CPU over 10 s" "$cpu" "< 1 %"
+printf '%-44s %10s /s %12s\n' "idle context switches (all threads)" "$wake" "-"
+printf '%-44s %8s MiB %12s\n' "idle resident memory" "$((rss / 1024))" "< 150 MiB"
+
+if [ "$mib" -gt 0 ]; then
+  head -c $((mib * 1024 * 1024)) /dev/urandom >"$work/big.bin"
+  cli_start=$(date +%s%N)
+  "$build/bin/lofthaven" send --json "$work/big.bin" >/dev/null
+  cli=$(awk -v n=$(( $(date +%s%N) - cli_start )) 'BEGIN {printf "%.3f", n / 1e9}')
+  window=$("$build/bin/lofthaven-bench-window" "$work/big.bin")
+  ratio=$(awk -v c="$cli" -v w="$window" 'BEGIN {printf "%.2f", c / w}')
+  printf '%-44s %11s s %12s\n' "$mib MiB send, command line" "$cli" "-"
+  printf '%-44s %11s s %12s\n' "$mib MiB send, from the window" "$window" "-"
+  printf '%-44s %12sx %12s\n' "window throughput / command line" "$ratio" ">= 0.95x"
+fi

@@ -1,0 +1,35 @@
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+
+// The transfers sent from this computer, newest first.
+Item {
+    objectName: "historyView"
+    ColumnLayout {
+        anchors.fill: parent
+        anchors.margins: 24
+        spacing: 12
+        RowLayout {
+            TypeIcon { symbol: "clock.arrow.circlepath"; size: 24; color: theme.colors.accentText }
+            Label { text: qsTr("History"); font.bold: true; font.pixelSize: Qt.application.font.pixelSize * 1.3 }
+        }
+        Label {
+            objectName: "historyEmpty"
+            visible: appModel.history.count === 0
+            text: qsTr("Transfers you send from this computer appear here, with their codes and links.")
+            color: theme.colors.secondaryText
+            wrapMode: Text.Wrap
+            Layout.fillWidth: true
+        }
+        ListView {
+            objectName: "historyList"
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            clip: true
+            spacing: 8
+            model: appModel.history
+            delegate: HistoryRow { width: ListView.view.width }
+            ScrollBar.vertical: ScrollBar {}
+        }
+    }
+}
