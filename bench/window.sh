@@ -13,12 +13,26 @@ launches=${2:-5}
 if [ -z "${DISPLAY:-}" ] && [ -z "${XVFB_WRAPPED:-}" ]; then
   XVFB_WRAPPED=1 exec xvfb-run -a -s "-screen 0 1280x900x24" "$0" "$@"
 fi
+# A private session bus with an unlocked keyring in a throw-away HOME: the large send signs in
+# (the limit without an account is 500 MB) and the sign-in must outlive one process.
+if [ -z "${BUS_WRAPPED:-}" ]; then
+  home=$(mktemp -d)
+  trap 'rm -rf "$home"' EXIT
+  mkdir -m 700 "$home/run"
+  status=0
+  HOME=$home XDG_RUNTIME_DIR=$home/run XDG_CONFIG_HOME=$home/config XDG_DATA_HOME=$home/data \
+    XDG_CACHE_HOME=$home/cache BUS_WRAPPED=1 dbus-run-session 2>/dev/null -- sh -c \
+    'printf %s bench | gnome-keyring-daemon --unlock --components=secrets >/dev/null && exec "$@"' \
+    sh "$0" "$@" || status=$?
+  exit $status
+fi
 cmake --build "$build" --target lofthaven lofthaven-service lofthaven-bench-window >/dev/null
 work=$(mktemp -d)
-export HOME=$work/home XDG_RUNTIME_DIR=$work/run LANG=C.UTF-8
-mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$work/data"; chmod 700 "$XDG_RUNTIME_DIR"
+export LANG=C.UTF-8
+mkdir -p "$work/data"
 "$build/bin/lofthaven-service" --listen 127.0.0.1:0 --data "$work/data" \
-  --anonymous-max-bytes $((1 << 50)) >"$work/ready" 2>"$work/service.log" &
+  --test-hooks \
+  --anonymous-max-bytes $((1 << 50)) --account-max-bytes $((1 << 50)) >"$work/ready" 2>"$work/service.log" &
 service=$!
 trap 'kill $service 2>/dev/null; wait $service 2>/dev/null; rm -rf "$work"' EXIT
 for _ in $(seq 100); do grep -q http "$work/ready" && break; sleep 0.1; done
@@ -65,12 +79,27 @@ printf '%-44s %8s MiB %12s\n' "idle resident memory" "$((rss / 1024))" "< 150 Mi
 
 if [ "$mib" -gt 0 ]; then
   head -c $((mib * 1024 * 1024)) /dev/urandom >"$work/big.bin"
-  cli_start=$(date +%s%N)
-  "$build/bin/lofthaven" send --json "$work/big.bin" >/dev/null
-  cli=$(awk -v n=$(( $(date +%s%N) - cli_start )) 'BEGIN {printf "%.3f", n / 1e9}')
-  window=$("$build/bin/lofthaven-bench-window" "$work/big.bin")
+  # Sign in through the service's approval hook; both processes read the keyring.
+  "$build/bin/lofthaven" login --no-browser --json >"$work/login" 2>&1 &
+  login=$!
+  for _ in $(seq 100); do grep -q userCode "$work/login" && break; sleep 0.1; done
+  code=$(grep -o '"userCode": *"[^"]*"' "$work/login" | head -1 | sed 's/.*"\([^"]*\)"$/\1/')
+  curl -fsS -X POST -H 'Content-Type: application/json' \
+    -d "{\"userCode\":\"$code\",\"email\":\"bench@example.com\"}" \
+    "$LOFTHAVEN_ORIGIN/__test/device/approve" >/dev/null
+  wait "$login"
+  # Alternate the two, best of three each: other load on the machine hits both alike.
+  cli=999999 window=999999
+  for _ in 1 2 3; do
+    cli_start=$(date +%s%N)
+    "$build/bin/lofthaven" send --json "$work/big.bin" >/dev/null 2>&1
+    c=$(awk -v n=$(( $(date +%s%N) - cli_start )) 'BEGIN {printf "%.3f", n / 1e9}')
+    w=$("$build/bin/lofthaven-bench-window" "$work/big.bin")
+    cli=$(awk -v a="$cli" -v b="$c" 'BEGIN {print (b < a) ? b : a}')
+    window=$(awk -v a="$window" -v b="$w" 'BEGIN {print (b < a) ? b : a}')
+  done
   ratio=$(awk -v c="$cli" -v w="$window" 'BEGIN {printf "%.2f", c / w}')
-  printf '%-44s %11s s %12s\n' "$mib MiB send, command line" "$cli" "-"
-  printf '%-44s %11s s %12s\n' "$mib MiB send, from the window" "$window" "-"
+  printf '%-44s %11s s %12s\n' "$mib MiB send, command line (best of 3)" "$cli" "-"
+  printf '%-44s %11s s %12s\n' "$mib MiB send, from the window (best of 3)" "$window" "-"
   printf '%-44s %12sx %12s\n' "window throughput / command line" "$ratio" ">= 0.95x"
 fi
