@@ -21,9 +21,9 @@ if [ -z "${BUS_WRAPPED:-}" ]; then
   mkdir -m 700 "$home/run"
   status=0
   HOME=$home XDG_RUNTIME_DIR=$home/run XDG_CONFIG_HOME=$home/config XDG_DATA_HOME=$home/data \
-    XDG_CACHE_HOME=$home/cache BUS_WRAPPED=1 dbus-run-session 2>/dev/null -- sh -c \
+    XDG_CACHE_HOME=$home/cache BUS_WRAPPED=1 dbus-run-session -- sh -c \
     'printf %s bench | gnome-keyring-daemon --unlock --components=secrets >/dev/null && exec "$@"' \
-    sh "$0" "$@" || status=$?
+    sh "$0" "$@" 2> >(grep -v 'fd limit' >&2) || status=$?
   exit $status
 fi
 cmake --build "$build" --target lofthaven lofthaven-service lofthaven-bench-window >/dev/null
