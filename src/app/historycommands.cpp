@@ -11,6 +11,7 @@
 #include <QJsonObject>
 
 #include <cstdio>
+#include <memory>
 #include <unistd.h>
 
 namespace lofthaven {
@@ -31,24 +32,33 @@ void printJson(const QJsonValue &value)
     CommandContext::printOut(QString::fromUtf8(document.toJson(QJsonDocument::Indented)).trimmed());
 }
 
-// The one positional ID, or a usage message.
-std::optional<QString> transferId(const CommandContext &context, const char *verb)
+// What extend, delete and forget act on: the history entry their one ID names, with the model
+// that holds it. Without one, exitCode says why and the reason has been printed.
+struct Target
+{
+    std::unique_ptr<AppModel> model;
+    std::optional<HistoryEntry> entry;
+    int exitCode = 0;
+};
+
+Target target(const CommandContext &context, const char *verb)
 {
     const QStringList positional = context.parser->positionalArguments();
-    if (positional.size() == 1)
-        return positional.first();
-    CommandContext::printError(QString::fromLatin1(verb) +
-                               QStringLiteral(" takes one transfer ID (see lofthaven history)."));
-    return std::nullopt;
-}
-
-std::optional<HistoryEntry> entryOf(const AppModel &model, const QString &id)
-{
-    const std::optional<HistoryEntry> entry = model.history()->find(id);
-    if (!entry)
+    if (positional.size() != 1) {
+        CommandContext::printError(
+            QString::fromLatin1(verb) +
+            QStringLiteral(" takes one transfer ID (see lofthaven history)."));
+        return {nullptr, std::nullopt, CommandContext::kUsage};
+    }
+    const QString &id = positional.first();
+    auto model = std::make_unique<AppModel>(context.session);
+    std::optional<HistoryEntry> entry = model->history()->find(id);
+    if (!entry) {
         CommandContext::printError(QStringLiteral("No transfer with the ID ") + id +
                                    QStringLiteral(" in the history."));
-    return entry;
+        return {std::move(model), std::nullopt, CommandContext::kFailed};
+    }
+    return {std::move(model), std::move(entry), 0};
 }
 
 bool confirmed(const QString &question)
@@ -130,17 +140,16 @@ QCoro::Task<int> historyCommand(CommandContext context)
 
 QCoro::Task<int> extendCommand(CommandContext context)
 {
-    const std::optional<QString> id = transferId(context, "extend");
-    if (!id)
-        co_return CommandContext::kUsage;
-    AppModel model(context.session);
-    if (!entryOf(model, *id))
-        co_return CommandContext::kFailed;
-    auto extending = model.extendTask(*id);
+    const Target chosen = target(context, "extend");
+    if (!chosen.entry)
+        co_return chosen.exitCode;
+    AppModel &model = *chosen.model;
+    const QString id = chosen.entry->id;
+    auto extending = model.extendTask(id);
     const bool extended = co_await extending;
     if (extended)
         CommandContext::printOut(model.notice() + QStringLiteral(" Expires ") +
-                                 when(model.history()->find(*id)->expiresAt) + u'.');
+                                 when(model.history()->find(id)->expiresAt) + u'.');
     else
         CommandContext::printError(model.notice());
     co_return extended ? 0 : CommandContext::kFailed;
@@ -148,39 +157,32 @@ QCoro::Task<int> extendCommand(CommandContext context)
 
 QCoro::Task<int> deleteCommand(CommandContext context)
 {
-    const std::optional<QString> id = transferId(context, "delete");
-    if (!id)
-        co_return CommandContext::kUsage;
-    AppModel model(context.session);
-    const std::optional<HistoryEntry> entry = entryOf(model, *id);
-    if (!entry)
-        co_return CommandContext::kFailed;
+    const Target chosen = target(context, "delete");
+    if (!chosen.entry)
+        co_return chosen.exitCode;
+    const HistoryEntry &entry = *chosen.entry;
     if (!context.parser->isSet(QStringLiteral("yes")) && ::isatty(STDIN_FILENO) &&
-        !confirmed(QStringLiteral("Delete ") + entry->name +
+        !confirmed(QStringLiteral("Delete ") + entry.name +
                    QStringLiteral("? The link and code stop working for everyone. [y/N] "))) {
         CommandContext::printError(QStringLiteral("Not deleted."));
         co_return CommandContext::kFailed;
     }
-    auto deleting = model.deleteTask(*id);
+    auto deleting = chosen.model->deleteTask(entry.id);
     if (!co_await deleting) {
-        CommandContext::printError(model.notice());
+        CommandContext::printError(chosen.model->notice());
         co_return CommandContext::kFailed;
     }
-    CommandContext::printOut(QStringLiteral("Deleted ") + entry->name + u'.');
+    CommandContext::printOut(QStringLiteral("Deleted ") + entry.name + u'.');
     co_return 0;
 }
 
 QCoro::Task<int> forgetCommand(CommandContext context)
 {
-    const std::optional<QString> id = transferId(context, "forget");
-    if (!id)
-        co_return CommandContext::kUsage;
-    AppModel model(context.session);
-    const std::optional<HistoryEntry> entry = entryOf(model, *id);
-    if (!entry)
-        co_return CommandContext::kFailed;
-    model.forget(*id);
-    CommandContext::printOut(QStringLiteral("Removed ") + entry->name +
+    const Target chosen = target(context, "forget");
+    if (!chosen.entry)
+        co_return chosen.exitCode;
+    chosen.model->forget(chosen.entry->id);
+    CommandContext::printOut(QStringLiteral("Removed ") + chosen.entry->name +
                              QStringLiteral(" from the history. Its link keeps working."));
     co_return 0;
 }

@@ -331,6 +331,11 @@ private:
     };
 
     void checkThread() const;
+    // Whether the history or the account's list knows the transfer; the owner token a change to
+    // it needs, none for the account's own transfers (the bearer token authorises those).
+    bool ownerTokenFor(const QString &id, std::optional<QString> &ownerToken) const;
+    // The notice "<what><reason>" for a change that failed, none for a cancelled one; false.
+    bool changeFailed(const QString &what, std::exception_ptr failure);
     void accountChanged();
     void signedInNow();
     void signedOutNow();

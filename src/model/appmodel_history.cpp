@@ -51,33 +51,44 @@ void AppModel::saveHistory()
 void AppModel::extend(const QString &id)
 {
     checkThread();
-    auto extending = [](AppModel *model, QString id) -> QCoro::Task<void> {
-        auto running = model->extendTask(std::move(id));
-        co_await running;
-    };
-    detach(extending(this, id));
+    detach(extendTask(id));
 }
 
 void AppModel::deleteTransfer(const QString &id)
 {
     checkThread();
-    auto deleting = [](AppModel *model, QString id) -> QCoro::Task<void> {
-        auto running = model->deleteTask(std::move(id));
-        co_await running;
-    };
-    detach(deleting(this, id));
+    detach(deleteTask(id));
+}
+
+bool AppModel::ownerTokenFor(const QString &id, std::optional<QString> &ownerToken) const
+{
+    // An entry of this computer carries its owner token; a transfer of the account's list is
+    // the signed-in user's own, which the bearer token authorises.
+    if (const auto entry = m_history->find(id)) {
+        ownerToken = entry->ownerToken;
+        return true;
+    }
+    return m_account->find(id).has_value();
+}
+
+bool AppModel::changeFailed(const QString &what, std::exception_ptr failure)
+{
+    try {
+        std::rethrow_exception(failure);
+    } catch (const Cancelled &) {
+        return false;
+    } catch (...) {
+    }
+    setNotice(what + userMessage(failure));
+    return false;
 }
 
 QCoro::Task<bool> AppModel::extendTask(QString id)
 {
     checkThread();
     QPointer<AppModel> self(this);
-    // An entry of this computer carries its owner token; a transfer of the account's list is
-    // the signed-in user's own, which the bearer token authorises.
     std::optional<QString> ownerToken;
-    if (const auto entry = m_history->find(id))
-        ownerToken = entry->ownerToken;
-    else if (!m_account->find(id))
+    if (!ownerTokenFor(id, ownerToken))
         co_return false;
     std::optional<ExtendResponse> answer;
     std::exception_ptr failure;
@@ -102,8 +113,6 @@ QCoro::Task<bool> AppModel::extendTask(QString id)
     }
     try {
         std::rethrow_exception(failure);
-    } catch (const Cancelled &) {
-        co_return false;
     } catch (const APIError &error) {
         // One extension per transfer: the service says this one had it already.
         if (error.status() == 409) {
@@ -114,8 +123,7 @@ QCoro::Task<bool> AppModel::extendTask(QString id)
         }
     } catch (...) {
     }
-    setNotice(QStringLiteral("Couldn't extend: ") + userMessage(failure));
-    co_return false;
+    co_return changeFailed(QStringLiteral("Couldn't extend: "), failure);
 }
 
 QCoro::Task<bool> AppModel::deleteTask(QString id)
@@ -123,9 +131,7 @@ QCoro::Task<bool> AppModel::deleteTask(QString id)
     checkThread();
     QPointer<AppModel> self(this);
     std::optional<QString> ownerToken;
-    if (const auto entry = m_history->find(id))
-        ownerToken = entry->ownerToken;
-    else if (!m_account->find(id))
+    if (!ownerTokenFor(id, ownerToken))
         co_return false;
     std::exception_ptr failure;
     try {
@@ -136,16 +142,8 @@ QCoro::Task<bool> AppModel::deleteTask(QString id)
     }
     if (!self)
         co_return false;
-    if (failure) {
-        try {
-            std::rethrow_exception(failure);
-        } catch (const Cancelled &) {
-            co_return false;
-        } catch (...) {
-        }
-        setNotice(QStringLiteral("Couldn't delete: ") + userMessage(failure));
-        co_return false;
-    }
+    if (failure)
+        co_return changeFailed(QStringLiteral("Couldn't delete: "), failure);
     m_history->remove(id);
     m_account->remove(id);
     saveHistory();

@@ -240,12 +240,7 @@ QCoro::Task<SendJob *> AppModel::serviceSend(QStringList paths, bool toSelf, Sen
 void AppModel::startServiceSend(const QStringList &paths, bool toSelf, SendJob::Origin origin)
 {
     checkThread();
-    auto sending = [](AppModel *model, QStringList paths, bool toSelf,
-                      SendJob::Origin origin) -> QCoro::Task<void> {
-        auto starting = model->serviceSend(std::move(paths), toSelf, origin);
-        co_await starting;
-    };
-    detach(sending(this, paths, toSelf, origin));
+    detach(serviceSend(paths, toSelf, origin));
 }
 
 } // namespace lofthaven

@@ -3,33 +3,12 @@
 namespace lofthaven {
 
 SendJobList::SendJobList(QObject *parent)
-    : QAbstractListModel(parent)
+    : KeyedJobList(parent)
 {}
 
-int SendJobList::rowCount(const QModelIndex &parent) const
+QVariant SendJobList::ownData(SendJob *job, int role) const
 {
-    return parent.isValid() ? 0 : int(m_jobs.size());
-}
-
-QVariant SendJobList::data(const QModelIndex &index, int role) const
-{
-    if (!index.isValid() || index.row() >= m_jobs.size())
-        return {};
-    const SendJob *job = m_jobs.at(index.row());
     switch (role) {
-    case JobRole:
-        return QVariant::fromValue(const_cast<SendJob *>(job));
-    case IdRole:
-        return job->id();
-    case Qt::DisplayRole:
-    case NameRole:
-        return job->name();
-    case SizeRole:
-        return job->size();
-    case StateRole:
-        return QVariant::fromValue(job->state());
-    case ActiveRole:
-        return job->isActive();
     case OriginRole:
         return QVariant::fromValue(job->origin());
     case ToSelfRole:
@@ -50,15 +29,9 @@ QVariant SendJobList::data(const QModelIndex &index, int role) const
     return {};
 }
 
-QHash<int, QByteArray> SendJobList::roleNames() const
+QHash<int, QByteArray> SendJobList::ownRoleNames() const
 {
-    return {{JobRole, "job"},
-            {IdRole, "id"},
-            {NameRole, "name"},
-            {SizeRole, "size"},
-            {StateRole, "state"},
-            {ActiveRole, "active"},
-            {OriginRole, "origin"},
+    return {{OriginRole, "origin"},
             {ToSelfRole, "toSelf"},
             {SentRole, "sent"},
             {SpeedRole, "speed"},
@@ -70,76 +43,38 @@ QHash<int, QByteArray> SendJobList::roleNames() const
 
 int SendJobList::activeCount() const
 {
-    return int(std::count_if(m_jobs.begin(), m_jobs.end(),
-                             [](const SendJob *job) { return job->isActive(); }));
+    const QList<SendJob *> all = jobs();
+    return int(
+        std::count_if(all.begin(), all.end(), [](const SendJob *job) { return job->isActive(); }));
 }
 
 void SendJobList::prepend(SendJob *job)
 {
-    job->setParent(this);
-    connect(job, &SendJob::stateChanged, this, [this, job] {
-        jobChanged(job, {StateRole, ActiveRole, MessageRole, CodeRole, UrlRole});
-        Q_EMIT activeCountChanged();
-    });
-    connect(job, &SendJob::progressChanged, this, [this, job] {
-        jobChanged(job, {SentRole, SpeedRole, SecondsLeftRole});
-    });
-    beginInsertRows({}, 0, 0);
-    m_jobs.prepend(job);
-    endInsertRows();
-    while (m_jobs.size() > kMaxJobs) {
-        const int last = int(m_jobs.size()) - 1;
-        beginRemoveRows({}, last, last);
-        SendJob *old = m_jobs.takeLast();
-        endRemoveRows();
-        discard(old);
-    }
+    forward(job, &SendJob::stateChanged, {StateRole, ActiveRole, MessageRole, CodeRole, UrlRole});
+    connect(job, &SendJob::stateChanged, this, &SendJobList::activeCountChanged);
+    forward(job, &SendJob::progressChanged, {SentRole, SpeedRole, SecondsLeftRole});
+    prependJob(job);
+    while (count() > kMaxJobs)
+        release(takeRow(count() - 1));
     Q_EMIT countChanged();
     Q_EMIT activeCountChanged();
 }
 
-SendJob *SendJobList::find(const QString &id) const
-{
-    for (SendJob *job : m_jobs) {
-        if (job->id() == id)
-            return job;
-    }
-    return nullptr;
-}
-
 SendJob *SendJobList::at(int row) const
 {
-    return row >= 0 && row < m_jobs.size() ? m_jobs.at(row) : nullptr;
+    return row >= 0 && row < count() ? jobs().at(row) : nullptr;
 }
 
 bool SendJobList::remove(const QString &id)
 {
-    for (int row = 0; row < m_jobs.size(); ++row) {
-        if (m_jobs.at(row)->id() != id)
-            continue;
-        beginRemoveRows({}, row, row);
-        SendJob *job = m_jobs.takeAt(row);
-        endRemoveRows();
-        discard(job);
-        Q_EMIT countChanged();
-        Q_EMIT activeCountChanged();
-        return true;
-    }
-    return false;
+    if (!KeyedJobList::remove(id))
+        return false;
+    Q_EMIT activeCountChanged();
+    return true;
 }
 
-void SendJobList::jobChanged(SendJob *job, const QList<int> &roles)
+void SendJobList::release(SendJob *job)
 {
-    const qsizetype row = m_jobs.indexOf(job);
-    if (row < 0)
-        return;
-    const QModelIndex index = createIndex(int(row), 0);
-    Q_EMIT dataChanged(index, index, roles);
-}
-
-void SendJobList::discard(SendJob *job)
-{
-    disconnect(job, nullptr, this, nullptr);
     // A job pushed out while it runs finishes its upload (and its history entry) first.
     if (!job->isActive()) {
         job->deleteLater();

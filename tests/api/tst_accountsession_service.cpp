@@ -89,6 +89,9 @@ private Q_SLOTS:
         m_service.clearLog();
     }
 
+    // What only the real service shows: approval, denial and expiry as it decides them, and
+    // dropped connections. Answers by status alone (428, slow_down, 500) are the scripted
+    // decision table's, in tst_accountsession.
     void outcomes_data()
     {
         QTest::addColumn<QList<QJsonObject>>("faults"); // on /api/cli/token, before the start
@@ -108,19 +111,10 @@ private Q_SLOTS:
         QTest::newRow("code expired at the service")
             << QList<QJsonObject>{} << "expire"
             << "The sign-in code expired. Try again." << QList<qint64>{1};
-        QTest::newRow("slow_down twice, then approved")
-            << QList<QJsonObject>{fault({{"status", 429}, {"count", 2}})} << "approve"
-            << "" << QList<qint64>{1, 6, 11};
-        QTest::newRow("428 answers, then approved")
-            << QList<QJsonObject>{fault({{"status", 428}, {"count", 3}})} << "approve"
-            << "" << QList<qint64>{1, 1, 1};
         QTest::newRow("connection drops while polling are not shown")
             << QList<QJsonObject>{fault({{"dropAfterBytes", 0}, {"count", 3}})}
             << "approve after 3 polls"
             << "" << QList<qint64>{1, 1, 1};
-        QTest::newRow("500 with the service's sentence")
-            << QList<QJsonObject>{fault({{"status", 500}})} << "approve"
-            << "Injected fault." << QList<qint64>{1};
     }
     void outcomes()
     {

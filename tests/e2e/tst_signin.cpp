@@ -1,12 +1,13 @@
 // lofthaven login, whoami, send and logout end to end: a real local service, a real
-// gnome-keyring on a private bus (the test runs under with-keyring.sh), a throw-away HOME.
+// gnome-keyring on a private bus (the test runs under tests/support/with-keyring.sh), a throw-away
+// HOME.
 #include "api/apiclient.h"
 #include "api/serviceorigin.h"
+#include "filesholding.h"
 #include "localservice.h"
 #include "platform/waitfortask.h"
 #include "testdata.h"
 
-#include <QDirIterator>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -115,25 +116,16 @@ class TestSignIn : public QObject
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
-    // Files under HOME that hold `secret` in plain text.
     static QStringList filesHolding(const QByteArray &secret)
     {
-        QStringList found;
-        QDirIterator it(qEnvironmentVariable("HOME"), QDir::Files | QDir::Hidden,
-                        QDirIterator::Subdirectories);
-        while (it.hasNext()) {
-            QFile file(it.next());
-            if (file.open(QIODevice::ReadOnly) && file.readAll().contains(secret))
-                found << file.fileName();
-        }
-        return found;
+        return testing::filesHolding(qEnvironmentVariable("HOME"), secret);
     }
 
 private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY2(qEnvironmentVariable("HOME").startsWith(QDir::tempPath()),
-                 "run through tests/e2e/with-keyring.sh");
+                 "run through tests/support/with-keyring.sh");
         QVERIFY(m_dir.isValid());
         QVERIFY2(m_service.start(), qPrintable(m_service.error()));
         m_big = m_dir.filePath("big.bin");

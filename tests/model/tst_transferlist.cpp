@@ -1,9 +1,12 @@
 // The list models keyed by id: a new answer is merged row by row (a view keeps its rows and
 // only changed rows repaint), checked by Qt's own model tester.
+#include "model/downloadlist.h"
 #include "model/historylist.h"
+#include "model/sendjoblist.h"
 #include "model/transferlist.h"
 
 #include <QAbstractItemModelTester>
+#include <QPointer>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -123,6 +126,47 @@ private Q_SLOTS:
         QCOMPARE(count.size(), 1);
         QVERIFY(!list.remove(QStringLiteral("a")));
         QVERIFY(list.roleNames().key("ownerToken", -1) == -1);
+    }
+
+    // The job lists: newest first, a job's change repaints its own row, the same transfer
+    // again replaces a finished job, and the role names QML binds to.
+    void jobListsKeyedById()
+    {
+        DownloadList list;
+        QAbstractItemModelTester tester(&list,
+                                        QAbstractItemModelTester::FailureReportingMode::QtTest);
+        QPointer<DownloadJob> a = new DownloadJob(QStringLiteral("a"), QStringLiteral("a.txt"), 1);
+        list.insert(a);
+        list.insert(new DownloadJob(QStringLiteral("b"), QStringLiteral("b.txt"), 2));
+        QCOMPARE(list.count(), 2);
+        QCOMPARE(list.data(list.index(0), DownloadList::IdRole).toString(), QStringLiteral("b"));
+        QCOMPARE(list.find(QStringLiteral("a")), a.data());
+        QSignalSpy changed(&list, &QAbstractItemModel::dataChanged);
+        a->setProgress(1, 10.0);
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(changed.first().at(0).toModelIndex().row(), 1);
+        QCOMPARE(list.data(list.index(1), DownloadList::ReceivedRole).toLongLong(), 1);
+        list.insert(new DownloadJob(QStringLiteral("a"), QStringLiteral("a.txt"), 1));
+        QCOMPARE(list.count(), 2);
+        QVERIFY(list.find(QStringLiteral("a")) != a.data());
+        QTRY_VERIFY(!a);
+        QVERIFY(list.remove(QStringLiteral("b")));
+        QVERIFY(!list.remove(QStringLiteral("b")));
+        QCOMPARE(list.count(), 1);
+
+        QStringList names;
+        for (const QByteArray &name : list.roleNames())
+            names.append(QString::fromUtf8(name));
+        names.sort();
+        QCOMPARE(names, (QStringList{"active", "id", "job", "message", "name", "received", "result",
+                                     "size", "speed", "state"}));
+        names.clear();
+        for (const QByteArray &name : SendJobList().roleNames())
+            names.append(QString::fromUtf8(name));
+        names.sort();
+        QCOMPARE(names,
+                 (QStringList{"active", "code", "id", "job", "message", "name", "origin",
+                              "secondsLeft", "sent", "size", "speed", "state", "toSelf", "url"}));
     }
 };
 

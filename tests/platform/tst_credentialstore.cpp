@@ -1,72 +1,31 @@
-#include <QDirIterator>
-#include <QFile>
+#include "filesholding.h"
+
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 
 // The credential store against a real gnome-keyring-daemon, each case on a private session bus
 // in a private HOME, each step a new process (the probe), so a load really follows a restart.
+using lofthaven::testing::filesHolding;
+
 class TestCredentialStore : public QObject
 {
     Q_OBJECT
 private:
-    const QString m_probe = QStringLiteral(LOFTHAVEN_TEST_DIR "/lofthaven-credential-probe");
-
-    // Runs the shell script on a fresh session bus and returns its standard output lines.
-    // Buses: "keyring" (gnome-keyring-daemon unlocked from standard input), "activated" (the
-    // daemon starts on first use, as in a session that never unlocked it), "bare" (no Secret
-    // Service can start), "none" (no bus at all).
+    // Runs the shell script in the private HOME on a fresh session bus of the given kind (see
+    // tests/support/with-keyring.sh) and returns its standard output lines.
     static QStringList run(const QString &bus, const QString &script, const QString &home)
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("HOME", home);
-        environment.insert("XDG_RUNTIME_DIR", home + "/run");
-        for (const char *name : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME",
-                                 "DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "WAYLAND_DISPLAY"})
-            environment.remove(name);
+        environment.insert("LOFTHAVEN_TEST_HOME", home);
+        environment.insert("LOFTHAVEN_TEST_BUS", bus);
         environment.insert("PROBE", LOFTHAVEN_TEST_DIR "/lofthaven-credential-probe");
-        QDir().mkpath(home + "/run");
-        QFile::setPermissions(home + "/run", QFileDevice::ReadOwner | QFileDevice::WriteOwner |
-                                                 QFileDevice::ExeOwner);
-        QString program = QStringLiteral("dbus-run-session");
-        QStringList arguments;
-        if (bus == u"bare")
-            arguments << "--config-file=" LOFTHAVEN_SOURCE_DIR
-                         "/tests/platform/bare-session-bus.conf";
-        arguments << "--"
-                  << "sh"
-                  << "-c";
-        if (bus == u"keyring")
-            arguments << "printf %s test-pass | gnome-keyring-daemon --unlock "
-                         "--components=secrets >/dev/null; " +
-                             script;
-        else
-            arguments << script;
-        if (bus == u"none") {
-            environment.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home + "/no-bus");
-            program = QStringLiteral("sh");
-            arguments = QStringList{"-c", script};
-        }
         QProcess process;
         process.setProcessEnvironment(environment);
-        process.start(program, arguments);
+        process.start(LOFTHAVEN_SOURCE_DIR "/tests/support/with-keyring.sh", {"sh", "-c", script});
         if (!process.waitForFinished(120000))
             return {QStringLiteral("did not finish")};
         return QString::fromUtf8(process.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
-    }
-
-    // Files under `home` that contain `secret` in plain text.
-    static QStringList filesHolding(const QString &home, const QByteArray &secret)
-    {
-        QStringList found;
-        QDirIterator it(home, QDir::Files | QDir::Hidden | QDir::System,
-                        QDirIterator::Subdirectories);
-        while (it.hasNext()) {
-            QFile file(it.next());
-            if (file.open(QIODevice::ReadOnly) && file.readAll().contains(secret))
-                found << file.fileName();
-        }
-        return found;
     }
 
 private Q_SLOTS:
