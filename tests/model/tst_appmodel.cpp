@@ -126,7 +126,7 @@ private Q_SLOTS:
         QSignalSpy planned(&model, &AppModel::stagedPlanChanged);
         model.stage({QUrl::fromLocalFile(folder).toString()});
         QCOMPARE(model.staged(), QStringList{folder});
-        QVERIFY(model.planning());
+        // A small plan can be ready before stage() returns: count the changes, not the state.
         QTRY_VERIFY_WITH_TIMEOUT(!model.planning(), kWait);
         QCOMPARE(planning.size(), 2);
         QVERIFY(planned.size() >= 1);
