@@ -1,0 +1,179 @@
+#include "app/desktop/singleinstance.h"
+
+#include "platform/applicationid.h"
+
+#include <QCryptographicHash>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDataStream>
+#include <QDir>
+#include <QLocalServer>
+#include <QLocalSocket>
+
+#include <unistd.h>
+
+namespace lofthaven {
+
+namespace {
+
+const char *const kObjectPath = "/org/lofthaven/Lofthaven";
+const char *const kInterface = "org.lofthaven.Lofthaven";
+// Long enough for an instance that is still loading its window to take the call.
+constexpr int kForwardTimeoutMs = 25000;
+constexpr char kAcknowledged = 1;
+
+QString serviceName()
+{
+    return QString::fromLatin1(kApplicationId);
+}
+
+bool forwardOverBus(QDBusConnection bus, const QStringList &arguments)
+{
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(serviceName(), QString::fromLatin1(kObjectPath),
+                                       QString::fromLatin1(kInterface), QStringLiteral("Open"));
+    call << arguments;
+    // Nobody owns the name: ServiceUnknown at once (the name is not activatable).
+    const QDBusMessage reply = bus.call(call, QDBus::Block, kForwardTimeoutMs);
+    return reply.type() == QDBusMessage::ReplyMessage;
+}
+
+bool forwardOverSocket(const QStringList &arguments)
+{
+    QLocalSocket socket;
+    socket.setSocketOptions(QLocalSocket::AbstractNamespaceOption);
+    socket.connectToServer(SingleInstance::localSocketName());
+    if (!socket.waitForConnected(kForwardTimeoutMs))
+        return false;
+    QByteArray message;
+    QDataStream out(&message, QIODevice::WriteOnly);
+    out.setVersion(QDataStream::Qt_6_4);
+    out << arguments;
+    socket.write(message);
+    if (!socket.waitForBytesWritten(kForwardTimeoutMs))
+        return false;
+    // The instance answers once it has read everything.
+    while (socket.bytesAvailable() < 1) {
+        if (!socket.waitForReadyRead(kForwardTimeoutMs))
+            return false;
+    }
+    return socket.read(1).at(0) == kAcknowledged;
+}
+
+} // namespace
+
+SingleInstance::SingleInstance(QObject *parent)
+    : QObject(parent)
+{}
+
+SingleInstance::~SingleInstance()
+{
+    if (m_registered) {
+        QDBusConnection bus = QDBusConnection::sessionBus();
+        bus.unregisterService(serviceName());
+        bus.unregisterObject(QString::fromLatin1(kObjectPath));
+    }
+}
+
+QString SingleInstance::localSocketName()
+{
+    // Abstract sockets are shared by the whole machine: the user and the home folder make
+    // the name one session's own.
+    const QByteArray home =
+        QCryptographicHash::hash(QDir::homePath().toUtf8(), QCryptographicHash::Sha256)
+            .toHex()
+            .left(12);
+    return QString::fromLatin1(kApplicationId) + u'-' + QString::number(getuid()) + u'-' +
+           QString::fromLatin1(home);
+}
+
+SingleInstance::Claim SingleInstance::claim()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (bus.isConnected()) {
+        // The object first, so that a call arriving the moment the name is ours finds it.
+        if (!bus.registerObject(QString::fromLatin1(kObjectPath), this,
+                                QDBusConnection::ExportScriptableSlots))
+            return Claim::Unavailable;
+        const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
+            bus.interface()->registerService(serviceName(),
+                                             QDBusConnectionInterface::DontQueueService,
+                                             QDBusConnectionInterface::DontAllowReplacement);
+        if (reply.isValid() && reply.value() == QDBusConnectionInterface::ServiceRegistered) {
+            m_registered = true;
+            return Claim::Owned;
+        }
+        bus.unregisterObject(QString::fromLatin1(kObjectPath));
+        return reply.isValid() ? Claim::Taken : Claim::Unavailable;
+    }
+
+    // No options but the abstract namespace: any access option makes listen() replace a live
+    // server's socket instead of failing.
+    m_server = new QLocalServer(this);
+    m_server->setSocketOptions(QLocalServer::AbstractNamespaceOption);
+    if (!m_server->listen(localSocketName())) {
+        const bool taken = m_server->serverError() == QAbstractSocket::AddressInUseError;
+        delete m_server;
+        m_server = nullptr;
+        return taken ? Claim::Taken : Claim::Unavailable;
+    }
+    connect(m_server, &QLocalServer::newConnection, this, [this] {
+        while (QLocalSocket *socket = m_server->nextPendingConnection()) {
+            connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
+            connect(socket, &QLocalSocket::readyRead, this, &SingleInstance::readConnection);
+            if (socket->bytesAvailable() > 0)
+                QMetaObject::invokeMethod(this, &SingleInstance::readConnection,
+                                          Qt::QueuedConnection);
+        }
+    });
+    return Claim::Owned;
+}
+
+void SingleInstance::readConnection()
+{
+    const QList<QLocalSocket *> sockets = m_server->findChildren<QLocalSocket *>();
+    for (QLocalSocket *socket : sockets) {
+        if (socket->bytesAvailable() < 1 || socket->property("answered").toBool())
+            continue;
+        QDataStream in(socket);
+        in.setVersion(QDataStream::Qt_6_4);
+        in.startTransaction();
+        QStringList arguments;
+        in >> arguments;
+        if (!in.commitTransaction())
+            continue; // the rest is still on its way
+        socket->setProperty("answered", true);
+        socket->write(&kAcknowledged, 1);
+        socket->flush();
+        socket->disconnectFromServer();
+        Open(arguments);
+    }
+}
+
+bool SingleInstance::forward(const QStringList &arguments)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (bus.isConnected())
+        return forwardOverBus(bus, arguments);
+    return forwardOverSocket(arguments);
+}
+
+void SingleInstance::setHandler(std::function<void(const QStringList &)> handler)
+{
+    m_handler = std::move(handler);
+    const QList<QStringList> pending = std::exchange(m_pending, {});
+    for (const QStringList &arguments : pending)
+        m_handler(arguments);
+}
+
+void SingleInstance::Open(const QStringList &arguments)
+{
+    if (!m_handler) {
+        m_pending.append(arguments);
+        return;
+    }
+    m_handler(arguments);
+}
+
+} // namespace lofthaven
