@@ -164,7 +164,7 @@ private Q_SLOTS:
                                     SLOT(badgeUpdated(QString, QVariantMap))));
 
         m_instance = std::make_unique<SingleInstance>();
-        QCOMPARE(m_instance->claim(), SingleInstance::Claim::Owned);
+        QVERIFY(m_instance->claim() == SingleInstance::Claim::Owned);
         m_shell = std::make_unique<DesktopShell>();
         QVERIFY(m_shell->open());
         QVERIFY(QTest::qWaitForWindowExposed(m_shell->window()));
@@ -371,7 +371,7 @@ private Q_SLOTS:
                          withTransfer ? std::optional<QString>(id) : std::nullopt, true);
         const auto shownNotification = posted(title, before);
         QVERIFY(shownNotification);
-        QVERIFY(shownNotification->actions.contains(kDownloadAction));
+        QVERIFY(shownNotification->actions.contains(QString::fromLatin1(kDownloadAction)));
         Q_EMIT m_notifications.ActionInvoked(shownNotification->id, action);
 
         if (downloads) {

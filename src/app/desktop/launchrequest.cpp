@@ -51,7 +51,7 @@ LaunchRequest LaunchRequest::parse(const QStringList &arguments, const QDir &wor
             ++i; // each process reads its own origin
             continue;
         }
-        if (argument.startsWith(kOrigin + u'='))
+        if (argument.startsWith(QString(kOrigin + u'=')))
             continue;
         if (argument == kGetLink || argument == kSendToDevices) {
             request.m_services.append({argument == kSendToDevices, {}});

@@ -6,12 +6,15 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusReply>
 #include <QDataStream>
 #include <QDir>
 #include <QLocalServer>
 #include <QLocalSocket>
 
 #include <unistd.h>
+
+#include <utility>
 
 namespace lofthaven {
 
