@@ -65,8 +65,9 @@ private Q_SLOTS:
         QVERIFY(written.open(QIODevice::ReadOnly));
         QVERIFY(shipped.open(QIODevice::ReadOnly));
         QByteArray text = written.readAll();
-        text.replace("Exec=" + QFile::encodeName(QCoreApplication::applicationFilePath()),
-                     "Exec=lofthaven");
+        const QByteArray exec =
+            "Exec=" + QFile::encodeName(QCoreApplication::applicationFilePath());
+        text.replace(exec, QByteArrayLiteral("Exec=lofthaven"));
         QCOMPARE(text, shipped.readAll());
         setLaunchAtLogin(false);
     }

@@ -54,7 +54,7 @@ LaunchRequest LaunchRequest::parse(const QStringList &arguments, const QDir &wor
         if (argument.startsWith(QString(kOrigin + u'=')))
             continue;
         if (argument == kGetLink || argument == kSendToDevices) {
-            request.m_services.append({argument == kSendToDevices, {}});
+            request.m_services.append(ServiceSend{argument == kSendToDevices, {}});
             collectingFiles = true;
             continue;
         }

@@ -156,10 +156,16 @@ void SingleInstance::readConnection()
 
 bool SingleInstance::forward(const QStringList &arguments)
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (bus.isConnected())
-        return forwardOverBus(bus, arguments);
-    return forwardOverSocket(arguments);
+    // A connection of its own, closed again: the application's session-bus connection must
+    // be made by the application object that stays, or calls to this instance go unanswered.
+    const QString name = QStringLiteral("lofthaven-hand-over");
+    bool handed = false;
+    {
+        QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, name);
+        handed = bus.isConnected() ? forwardOverBus(bus, arguments) : forwardOverSocket(arguments);
+    }
+    QDBusConnection::disconnectFromBus(name);
+    return handed;
 }
 
 void SingleInstance::setHandler(std::function<void(const QStringList &)> handler)
