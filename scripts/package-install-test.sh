@@ -78,6 +78,7 @@ in_root apt-get install -y -qq --no-install-recommends xdg-utils desktop-file-ut
 in_root update-desktop-database -q /usr/share/applications
 step "xdg-mime names the desktop file for lofthaven: links" bash -c \
   "[ \"\$(chroot '$root' xdg-mime query default x-scheme-handler/lofthaven)\" = org.lofthaven.Lofthaven.desktop ]"
+in_root rm -f /usr/share/applications/mimeinfo.cache
 in_root apt-get purge -y -qq xdg-utils desktop-file-utils >/dev/null
 
 step "remove both packages" in_root apt-get purge -y -qq lofthaven lofthaven-service
