@@ -12,6 +12,7 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <utility>
@@ -25,6 +26,18 @@ const char *const kInterface = "org.lofthaven.Lofthaven";
 // Long enough for an instance that is still loading its window to take the call.
 constexpr int kForwardTimeoutMs = 25000;
 constexpr char kAcknowledged = 1;
+
+// Abstract sockets have no file permissions: only our own user may hand us files to send.
+bool fromThisUser(const QLocalSocket *socket)
+{
+    struct ucred peer
+    {
+    };
+    socklen_t size = sizeof(peer);
+    return getsockopt(int(socket->socketDescriptor()), SOL_SOCKET, SO_PEERCRED, &peer, &size) ==
+               0 &&
+           peer.uid == getuid();
+}
 
 QString serviceName()
 {
@@ -123,6 +136,11 @@ SingleInstance::Claim SingleInstance::claim()
     }
     connect(m_server, &QLocalServer::newConnection, this, [this] {
         while (QLocalSocket *socket = m_server->nextPendingConnection()) {
+            if (!fromThisUser(socket)) {
+                socket->abort();
+                socket->deleteLater();
+                continue;
+            }
             connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
             connect(socket, &QLocalSocket::readyRead, this, &SingleInstance::readConnection);
             if (socket->bytesAvailable() > 0)
