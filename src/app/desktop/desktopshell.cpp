@@ -184,7 +184,7 @@ void DesktopShell::openUrls(const QList<QUrl> &urls)
     }
 }
 
-void DesktopShell::serviceSend(const QStringList &files, bool toDevices)
+void DesktopShell::serviceSend(const QStringList &files, bool toDevices, SendJob::Origin origin)
 {
     QStringList readable;
     for (const QString &file : files) {
@@ -206,7 +206,7 @@ void DesktopShell::serviceSend(const QStringList &files, bool toDevices)
         showWindow();
         return;
     }
-    m_model->startServiceSend(readable, toDevices, SendJob::Origin::Service);
+    m_model->startServiceSend(readable, toDevices, origin);
 }
 
 namespace {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "model/sendjob.h"
+
 #include <QList>
 #include <QObject>
 #include <QStringList>
@@ -41,8 +43,10 @@ public:
     // Files and URLs handed to the application: files staged on the send tab, then each
     // lofthaven: link on its tab (send, devices, or receive with the link looked up).
     void openUrls(const QList<QUrl> &urls);
-    // "Get Lofthaven Link" and "Send to My Devices" from the file manager.
-    void serviceSend(const QStringList &files, bool toDevices);
+    // "Get Lofthaven Link" and "Send to My Devices" from the file manager (or, with its own
+    // origin, files dropped on the tray): nothing readable and signed out are answered here.
+    void serviceSend(const QStringList &files, bool toDevices,
+                     SendJob::Origin origin = SendJob::Origin::Service);
     // Shows the window (created hidden in the background) and brings it forward.
     void showWindow();
 
