@@ -11,7 +11,8 @@ packages=(
   # the window: Qt Quick and its controls, SVG icons and an icon theme
   qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls
   qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtquick-templates
-  qml6-module-qtquick-dialogs qml6-module-qtqml-workerscript libqt6svg6 adwaita-icon-theme
+  qml6-module-qtquick-dialogs qml6-module-qtqml-workerscript qml6-module-qt-labs-folderlistmodel
+  libqt6svg6 adwaita-icon-theme
   # runtime: the credential store (QtKeychain loads libsecret itself), opening the browser
   libsecret-1-0 xdg-utils
   # independent checkers and clients used by the self-test, tests and benchmarks

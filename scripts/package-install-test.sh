@@ -72,14 +72,14 @@ kill "$service_pid" 2>/dev/null || true
 wait "$service_pid" 2>/dev/null || true
 service_pid=""
 
-if grep -q '^MimeType=.*x-scheme-handler/lofthaven' "$root/usr/share/applications/org.lofthaven.Lofthaven.desktop"; then
-  in_root apt-get install -y -qq --no-install-recommends xdg-utils >/dev/null
-  step "xdg-mime names the desktop file for lofthaven: links" bash -c \
-    "[ \"\$(chroot '$root' xdg-mime query default x-scheme-handler/lofthaven)\" = org.lofthaven.Lofthaven.desktop ]"
-  in_root apt-get purge -y -qq xdg-utils >/dev/null
-else
-  echo "  skip lofthaven: links (the desktop file does not declare the handler yet)"
-fi
+# Desktop sessions have desktop-file-utils, whose trigger builds the MIME cache xdg-mime reads;
+# the bare chroot gets it here and builds the cache once by hand.
+in_root apt-get install -y -qq --no-install-recommends xdg-utils desktop-file-utils >/dev/null
+in_root update-desktop-database -q /usr/share/applications
+step "xdg-mime names the desktop file for lofthaven: links" bash -c \
+  "[ \"\$(chroot '$root' xdg-mime query default x-scheme-handler/lofthaven)\" = org.lofthaven.Lofthaven.desktop ]"
+in_root rm -f /usr/share/applications/mimeinfo.cache
+in_root apt-get purge -y -qq xdg-utils desktop-file-utils >/dev/null
 
 step "remove both packages" in_root apt-get purge -y -qq lofthaven lofthaven-service
 step "remove what they pulled in" in_root apt-get autoremove --purge -y -qq

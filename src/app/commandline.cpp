@@ -6,6 +6,7 @@
 #include "api/serviceorigin.h"
 #include "app/accountcommands.h"
 #include "app/commandcontext.h"
+#include "app/desktop/launchrequest.h"
 #include "app/historycommands.h"
 #include "app/receivecommand.h"
 #include "app/sendcommand.h"
@@ -30,6 +31,10 @@ extern "C" void onInterrupt(int)
 }
 
 const char *const kUsage = "Usage:\n"
+                           "  lofthaven [PATH | LINK]...\n"
+                           "  lofthaven --show | --background | --send-files | --receive\n"
+                           "  lofthaven --get-link PATH...\n"
+                           "  lofthaven --send-to-devices PATH...\n"
                            "  lofthaven send [options] PATH...\n"
                            "  lofthaven receive [options] CODE-OR-LINK\n"
                            "  lofthaven login [--no-browser] [--json]\n"
@@ -40,6 +45,13 @@ const char *const kUsage = "Usage:\n"
                            "  lofthaven inbox [--json]\n"
                            "  lofthaven --selftest-offline [folder]\n"
                            "  lofthaven --selftest [folder]\n"
+                           "\n"
+                           "Without a verb, the window opens (or the running one is used): files "
+                           "are staged to\n"
+                           "send and lofthaven: links open on their tab. --get-link and "
+                           "--send-to-devices send\n"
+                           "the files as the file manager's actions do; --background starts "
+                           "without the window.\n"
                            "\n"
                            "Run 'lofthaven send --help' or 'lofthaven receive --help' for their "
                            "options.\n"
@@ -111,6 +123,10 @@ bool isCommandLineInvocation(const QStringList &arguments)
     if (at < 0)
         return false;
     const QString &command = arguments.at(at);
+    // Options such as --get-link go to the window process, which may hand them to the one
+    // already running.
+    if (LaunchRequest::isWindowOption(command))
+        return false;
     return command == QLatin1String("help") || findVerb(command).has_value() ||
            command.startsWith(QLatin1Char('-'));
 }

@@ -20,6 +20,12 @@ for verb in $verbs extend delete forget; do
     grep -q -- "$option\b" "$completion" || { echo "completion lacks $verb $option"; missing=1; }
   done
 done
+# The window's options, from the usage lines of lofthaven --help.
+for option in $("$lofthaven" --help 2>&1 | grep '^  lofthaven ' | grep -o -- '--[a-z][a-z-]*' | sort -u); do
+  escaped=$(printf '%s' "$option" | sed 's/-/\\\\-/g')
+  grep -q -- "$escaped\b" "$man" || { echo "man page lacks $option"; missing=1; }
+  grep -q -- "$option\b" "$completion" || { echo "completion lacks $option"; missing=1; }
+done
 for status in 0 1 2 130; do
   grep -q "^\.B $status$" "$man" || { echo "man page lacks exit status $status"; missing=1; }
 done

@@ -55,6 +55,23 @@ private Q_SLOTS:
         setLaunchAtLogin(false); // nothing to remove is not an error
     }
 
+    // The template shipped for administrators says what the switch writes, bar the path.
+    void matchesTheShippedTemplate()
+    {
+        setLaunchAtLogin(true);
+        QFile written(entry());
+        QFile shipped(QStringLiteral(LOFTHAVEN_SOURCE_DIR) +
+                      "/packaging/autostart/org.lofthaven.Lofthaven.desktop");
+        QVERIFY(written.open(QIODevice::ReadOnly));
+        QVERIFY(shipped.open(QIODevice::ReadOnly));
+        QByteArray text = written.readAll();
+        const QByteArray exec =
+            "Exec=" + QFile::encodeName(QCoreApplication::applicationFilePath());
+        text.replace(exec, QByteArrayLiteral("Exec=lofthaven"));
+        QCOMPARE(text, shipped.readAll());
+        setLaunchAtLogin(false);
+    }
+
     // An entry edited by the user or the desktop's settings.
     void status_data()
     {

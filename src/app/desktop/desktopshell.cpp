@@ -5,9 +5,13 @@
 #include "api/httptransport.h"
 #include "api/serviceorigin.h"
 #include "app/desktop/desktopbridge.h"
+#include "app/desktop/launcherbadge.h"
+#include "app/desktop/launchrequest.h"
 #include "app/desktop/qrimageprovider.h"
+#include "app/desktop/singleinstance.h"
 #include "app/desktop/themewatcher.h"
 #include "model/appmodel.h"
+#include "platform/applicationid.h"
 #include "platform/desktopapp.h"
 #include "platform/notifications.h"
 #include "platform/preferences.h"
@@ -15,6 +19,7 @@
 #include "receive/downloadjob.h"
 
 #include <QClipboard>
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDesktopServices>
 #include <QDir>
@@ -27,6 +32,7 @@
 #include <QQuickWindow>
 #include <QUrl>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace lofthaven {
@@ -49,7 +55,8 @@ void DesktopShell::setUpApplication()
     QGuiApplication::setOrganizationName(QStringLiteral("Lofthaven"));
     QGuiApplication::setApplicationName(QStringLiteral("Lofthaven"));
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Lofthaven"));
-    QGuiApplication::setDesktopFileName(QStringLiteral("lofthaven"));
+    // Wayland's app id and the launcher's badge both name the installed desktop file.
+    QGuiApplication::setDesktopFileName(QString::fromLatin1(kApplicationId));
     QQuickStyle::setStyle(QStringLiteral("Fusion"));
     // A bare session names no icon theme; the bundled icons fill what the theme lacks.
     if (QIcon::themeName().isEmpty() || QIcon::themeName() == QLatin1String("hicolor"))
@@ -57,7 +64,7 @@ void DesktopShell::setUpApplication()
     QIcon::setFallbackSearchPaths(QIcon::fallbackSearchPaths() << QStringLiteral(":/icons"));
 }
 
-bool DesktopShell::open()
+bool DesktopShell::open(bool showWindow)
 {
     registerDefaultSettings();
     m_session->setUrlOpener([](const QUrl &url) { QDesktopServices::openUrl(url); });
@@ -79,9 +86,12 @@ bool DesktopShell::open()
     context->setContextProperty(QStringLiteral("appModel"), m_model);
     context->setContextProperty(QStringLiteral("desktop"), m_bridge);
     context->setContextProperty(QStringLiteral("theme"), m_theme);
+    if (!showWindow)
+        m_engine->setInitialProperties({{QStringLiteral("visible"), false}});
     m_engine->load(QUrl(QStringLiteral("qrc:/qml/ContentView.qml")));
     if (m_engine->rootObjects().isEmpty())
         return false;
+    m_badge = new LauncherBadge(m_model, this);
     m_model->start();
     return true;
 }
@@ -97,11 +107,19 @@ void DesktopShell::notificationAnswered(const NotificationEvent &event)
     }
     if (!download && event.transferID)
         m_model->setTab(AppModel::Tab::Devices);
-    if (QQuickWindow *shown = window()) {
-        shown->show();
-        shown->raise();
-        shown->requestActivate();
-    }
+    showWindow();
+}
+
+void DesktopShell::showWindow()
+{
+    QQuickWindow *shown = window();
+    if (!shown)
+        return;
+    shown->show();
+    if (shown->windowState() & Qt::WindowMinimized)
+        shown->setWindowStates(shown->windowStates() & ~Qt::WindowMinimized);
+    shown->raise();
+    shown->requestActivate();
 }
 
 QQuickWindow *DesktopShell::window() const
@@ -111,29 +129,84 @@ QQuickWindow *DesktopShell::window() const
     return qobject_cast<QQuickWindow *>(m_engine->rootObjects().constFirst());
 }
 
-void DesktopShell::handleArguments(const QStringList &arguments)
+void DesktopShell::handleRequest(const LaunchRequest &request)
+{
+    QList<QUrl> urls;
+    for (const QString &item : request.openItems())
+        urls.append(item.startsWith(u'/') ? QUrl::fromLocalFile(item) : QUrl(item));
+    if (!urls.isEmpty())
+        openUrls(urls);
+    switch (request.tab()) {
+    case LaunchRequest::Tab::None:
+        break;
+    case LaunchRequest::Tab::SendFiles:
+        m_model->setTab(AppModel::Tab::Send);
+        showWindow();
+        if (QQuickWindow *shown = window())
+            QMetaObject::invokeMethod(shown, "chooseFiles", Qt::QueuedConnection);
+        break;
+    case LaunchRequest::Tab::Receive:
+        m_model->setTab(AppModel::Tab::Receive);
+        break;
+    }
+    for (const LaunchRequest::ServiceSend &send : request.serviceSends())
+        serviceSend(send.files, send.toDevices);
+    if (request.showsWindow())
+        showWindow();
+}
+
+void DesktopShell::openUrls(const QList<QUrl> &urls)
 {
     QStringList files;
-    for (const QString &argument : arguments) {
-        if (argument.startsWith(QLatin1String("lofthaven:"))) {
-            const QString host = QUrl(argument).host();
-            if (host == QLatin1String("send")) {
-                m_model->setTab(AppModel::Tab::Send);
-            } else if (host == QLatin1String("devices")) {
-                m_model->setTab(AppModel::Tab::Devices);
-            } else {
-                m_model->setTab(AppModel::Tab::Receive);
-                m_model->setReceiveInput(argument);
-                m_model->lookup();
-            }
-        } else if (QFileInfo::exists(argument)) {
-            files.append(QFileInfo(argument).absoluteFilePath());
-        }
+    for (const QUrl &url : urls) {
+        if (url.isLocalFile())
+            files.append(url.toLocalFile());
     }
     if (!files.isEmpty()) {
         m_model->stage(files);
         m_model->setTab(AppModel::Tab::Send);
+        showWindow();
     }
+    for (const QUrl &url : urls) {
+        if (url.scheme() != QLatin1String("lofthaven"))
+            continue;
+        const QString host = url.host();
+        if (host == QLatin1String("send")) {
+            m_model->setTab(AppModel::Tab::Send);
+        } else if (host == QLatin1String("devices")) {
+            m_model->setTab(AppModel::Tab::Devices);
+        } else {
+            m_model->setTab(AppModel::Tab::Receive);
+            m_model->setReceiveInput(url.toString(QUrl::FullyEncoded));
+            m_model->lookup();
+        }
+        showWindow();
+    }
+}
+
+void DesktopShell::serviceSend(const QStringList &files, bool toDevices, SendJob::Origin origin)
+{
+    QStringList readable;
+    for (const QString &file : files) {
+        if (QFileInfo(file).isReadable())
+            readable.append(file);
+    }
+    if (readable.isEmpty()) {
+        const QString text = QStringLiteral("No files were selected.");
+        m_model->setNotice(text);
+        // The window may be hidden: the notification is what the user sees.
+        postNotification(text, {}, std::nullopt, false);
+        return;
+    }
+    if (toDevices && !m_model->signedIn()) {
+        postNotification(QStringLiteral("Sign in to send to your devices"),
+                         QStringLiteral("Open Lofthaven and sign in, then try again."),
+                         std::nullopt, false);
+        m_model->setTab(AppModel::Tab::Devices);
+        showWindow();
+        return;
+    }
+    m_model->startServiceSend(readable, toDevices, origin);
 }
 
 namespace {
@@ -151,10 +224,43 @@ void preferSoftwareRenderingWithoutGpu()
     QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
 }
 
+// The file manager's "Get Lofthaven Link" on nothing readable, with no instance to tell.
+bool lacksReadableFiles(const LaunchRequest &request)
+{
+    for (const LaunchRequest::ServiceSend &send : request.serviceSends()) {
+        const bool any =
+            std::any_of(send.files.cbegin(), send.files.cend(),
+                        [](const QString &file) { return QFileInfo(file).isReadable(); });
+        if (!any)
+            return true;
+    }
+    return false;
+}
+
+QStringList rawArguments(int argc, char **argv)
+{
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    return arguments;
+}
+
 } // namespace
 
 int runDesktop(int &argc, char **argv)
 {
+    // Paths are made absolute here: the running instance has its own working directory.
+    const LaunchRequest request = LaunchRequest::parse(rawArguments(argc, argv), QDir::current());
+    {
+        // Handing over needs neither a display nor the window's start-up.
+        QCoreApplication probe(argc, argv);
+        if (SingleInstance::forward(request.toArguments()))
+            return 0;
+    }
+    if (lacksReadableFiles(request)) {
+        std::fputs("lofthaven: No files were selected.\n", stderr);
+        return 1;
+    }
     if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
         qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
         std::fputs("lofthaven: no display to open the window on; the command line works without "
@@ -174,10 +280,19 @@ int runDesktop(int &argc, char **argv)
         return 2;
     }
 
+    // Of two processes started together, the one that lost the claim hands over to the winner.
+    SingleInstance instance;
+    if (instance.claim() == SingleInstance::Claim::Taken) {
+        if (SingleInstance::forward(request.toArguments()))
+            return 0;
+        std::fputs("lofthaven: another Lofthaven is running but did not answer.\n", stderr);
+        return 1;
+    }
+
     int status = 1;
     {
         DesktopShell shell;
-        if (!shell.open()) {
+        if (!shell.open(request.showsWindow())) {
             std::fputs("lofthaven: the window could not be loaded.\n", stderr);
             return 1;
         }
@@ -195,9 +310,10 @@ int runDesktop(int &argc, char **argv)
                 },
                 Qt::DirectConnection);
         }
-        QStringList arguments = app.arguments();
-        arguments.removeFirst();
-        shell.handleArguments(arguments);
+        shell.handleRequest(request);
+        instance.setHandler([&shell](const QStringList &arguments) {
+            shell.handleRequest(LaunchRequest::parse(arguments, QDir::root()));
+        });
         status = app.exec();
     }
     HttpTransport::instance().shutdown();

@@ -1,7 +1,11 @@
 #pragma once
 
+#include "model/sendjob.h"
+
+#include <QList>
 #include <QObject>
 #include <QStringList>
+#include <QUrl>
 
 #include <memory>
 
@@ -13,6 +17,8 @@ namespace lofthaven {
 class AccountSession;
 class AppModel;
 class DesktopBridge;
+class LaunchRequest;
+class LauncherBadge;
 class ThemeWatcher;
 struct NotificationEvent;
 
@@ -27,14 +33,22 @@ public:
     explicit DesktopShell(QObject *parent = nullptr);
     ~DesktopShell() override;
 
-    // Loads the stored account, builds the screens and shows the window; false when the
-    // screens could not be loaded.
-    bool open();
+    // Loads the stored account and builds the screens, showing the window unless started in
+    // the background; false when the screens could not be loaded.
+    bool open(bool showWindow = true);
     // Names, style and icon look-up of the application; after the QGuiApplication exists.
     static void setUpApplication();
-    // Files and folders (staged to send) and lofthaven: links (opened on their tab), as the
-    // command line or a file manager hands them over.
-    void handleArguments(const QStringList &arguments);
+    // Everything one start of `lofthaven` asks for, in this process or forwarded to it.
+    void handleRequest(const LaunchRequest &request);
+    // Files and URLs handed to the application: files staged on the send tab, then each
+    // lofthaven: link on its tab (send, devices, or receive with the link looked up).
+    void openUrls(const QList<QUrl> &urls);
+    // "Get Lofthaven Link" and "Send to My Devices" from the file manager (or, with its own
+    // origin, files dropped on the tray): nothing readable and signed out are answered here.
+    void serviceSend(const QStringList &files, bool toDevices,
+                     SendJob::Origin origin = SendJob::Origin::Service);
+    // Shows the window (created hidden in the background) and brings it forward.
+    void showWindow();
 
     AppModel *model() const { return m_model; }
     ThemeWatcher *theme() const { return m_theme; }
@@ -49,10 +63,12 @@ private:
     AppModel *m_model = nullptr;
     DesktopBridge *m_bridge;
     ThemeWatcher *m_theme;
+    LauncherBadge *m_badge = nullptr;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
 };
 
-// `lofthaven` with no verb: the application with its window. Creates the QGuiApplication.
+// `lofthaven` with no verb: the application with its window, or the hand-over of the
+// arguments to the one already running. Creates the QGuiApplication.
 int runDesktop(int &argc, char **argv);
 
 } // namespace lofthaven
