@@ -410,7 +410,7 @@ private Q_SLOTS:
         if (bus) {
             daemon.start(QStringLiteral("dbus-daemon"),
                          {QStringLiteral("--config-file=" LOFTHAVEN_SOURCE_DIR
-                                         "/tests/platform/bare-session-bus.conf"),
+                                         "/tests/support/bare-session-bus.conf"),
                           QStringLiteral("--print-address=1"), QStringLiteral("--nofork")});
             QVERIFY(QTest::qWaitFor([&] { return daemon.canReadLine(); }, 10000));
             env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
