@@ -7,6 +7,7 @@
 #include "app/desktop/desktopbridge.h"
 #include "app/desktop/qrimageprovider.h"
 #include "app/desktop/themewatcher.h"
+#include "app/desktop/traycontroller.h"
 #include "model/appmodel.h"
 #include "platform/desktopapp.h"
 #include "platform/notifications.h"
@@ -14,6 +15,7 @@
 #include "platform/waitfortask.h"
 #include "receive/downloadjob.h"
 
+#include <QApplication>
 #include <QClipboard>
 #include <QDateTime>
 #include <QDesktopServices>
@@ -39,7 +41,8 @@ DesktopShell::DesktopShell(QObject *parent)
 
 DesktopShell::~DesktopShell()
 {
-    // The screens go before the objects they bind to.
+    // The screens go before the objects they bind to; the tray's windows before their engine.
+    delete m_tray;
     m_engine.reset();
 }
 
@@ -78,9 +81,12 @@ bool DesktopShell::open()
     context->setContextProperty(QStringLiteral("appModel"), m_model);
     context->setContextProperty(QStringLiteral("desktop"), m_bridge);
     context->setContextProperty(QStringLiteral("theme"), m_theme);
+    m_tray = new TrayController(this);
+    context->setContextProperty(QStringLiteral("tray"), m_tray);
     m_engine->load(QUrl(QStringLiteral("qrc:/qml/ContentView.qml")));
     if (m_engine->rootObjects().isEmpty())
         return false;
+    m_tray->start();
     m_model->start();
     return true;
 }
@@ -145,7 +151,8 @@ int runDesktop(int &argc, char **argv)
         return 2;
     }
     setDesktopApp(true);
-    QGuiApplication app(argc, argv);
+    // Widgets for the tray icon and its menu.
+    QApplication app(argc, argv);
     QGuiApplication::setApplicationVersion(QStringLiteral(LOFTHAVEN_VERSION));
     DesktopShell::setUpApplication();
     try {

@@ -14,6 +14,7 @@ class AccountSession;
 class AppModel;
 class DesktopBridge;
 class ThemeWatcher;
+class TrayController;
 struct NotificationEvent;
 
 // The window and everything behind it: the account session, the one application model, the
@@ -38,6 +39,8 @@ public:
 
     AppModel *model() const { return m_model; }
     ThemeWatcher *theme() const { return m_theme; }
+    DesktopBridge *bridge() const { return m_bridge; }
+    TrayController *tray() const { return m_tray; }
     QQmlApplicationEngine *engine() const { return m_engine.get(); }
     QQuickWindow *window() const;
 
@@ -49,6 +52,7 @@ private:
     AppModel *m_model = nullptr;
     DesktopBridge *m_bridge;
     ThemeWatcher *m_theme;
+    TrayController *m_tray = nullptr;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
 };
 

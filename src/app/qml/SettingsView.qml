@@ -1,0 +1,37 @@
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+
+// The settings window: General, Account and About.
+ThemedWindow {
+    id: window
+    objectName: "settingsWindow"
+    title: qsTr("Lofthaven Settings")
+    width: 560
+    height: 600
+    minimumWidth: 460
+    minimumHeight: 420
+    visible: false
+
+    Shortcut {
+        sequences: [StandardKey.Close, "Escape"]
+        onActivated: window.close()
+    }
+
+    header: TabBar {
+        id: tabs
+        objectName: "settingsTabs"
+        background: Rectangle { color: theme.colors.window }
+        TabButton { objectName: "generalTab"; text: qsTr("General") }
+        TabButton { objectName: "accountTab"; text: qsTr("Account") }
+        TabButton { objectName: "aboutTab"; text: qsTr("About") }
+    }
+
+    StackLayout {
+        anchors.fill: parent
+        currentIndex: tabs.currentIndex
+        GeneralSettings {}
+        AccountSettings {}
+        AboutSettings {}
+    }
+}
