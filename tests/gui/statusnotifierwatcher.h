@@ -52,14 +52,13 @@ public:
             this,
             [this] {
                 m_bus.unregisterService(QString::fromLatin1(kService));
+                m_bus.unregisterObject(QStringLiteral("/StatusNotifierWatcher"));
                 QDBusConnection::disconnectFromBus(QStringLiteral("test-watcher"));
             },
             Qt::BlockingQueuedConnection);
         m_thread.quit();
         m_thread.wait();
     }
-
-    ~StatusNotifierWatcher() override { stop(); }
 
     QStringList items() const
     {

@@ -145,10 +145,8 @@ void TrayIcon::rebuildMenu()
         for (const CopyLinkEntry &entry : entries) {
             QAction *action = m_menu->addAction(entry.title);
             action->setData(entry.link);
-            connect(action, &QAction::triggered, this, [link = entry.link] {
-                QGuiApplication::clipboard()->clear();
-                QGuiApplication::clipboard()->setText(link);
-            });
+            connect(action, &QAction::triggered, this,
+                    [link = entry.link] { QGuiApplication::clipboard()->setText(link); });
         }
     }
     // What a tray menu on Linux is expected to end with.
