@@ -314,6 +314,13 @@ private Q_SLOTS:
         QVERIFY(row);
         QVERIFY(!findItem(row, QStringLiteral("useDefaultFolder"))->isEnabled());
         screenshot(settingsWindow(), QStringLiteral("settings-general"));
+        if (!qEnvironmentVariableIsEmpty("LOFTHAVEN_SCREENSHOTS")) {
+            // The same tab at the window's smallest size.
+            const QSize size = settingsWindow()->size();
+            settingsWindow()->resize(settingsWindow()->minimumSize());
+            screenshot(settingsWindow(), QStringLiteral("settings-general-small"));
+            settingsWindow()->resize(size);
+        }
 
         const QString chosen = m_files.filePath(QStringLiteral("Incoming"));
         QVERIFY(QDir().mkpath(chosen));

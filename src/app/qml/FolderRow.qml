@@ -15,6 +15,8 @@ RowLayout {
     signal chosen(string folder)
     signal useDefault()
     Layout.fillWidth: true
+    Layout.topMargin: 4
+    Layout.bottomMargin: 4
     spacing: 10
 
     IconImage {
@@ -48,7 +50,8 @@ RowLayout {
         objectName: "useDefaultFolder"
         text: qsTr("Use default")
         icon.name: Symbols.icon("arrow.uturn.backward")
-        icon.color: theme.colors.text
+        icon.color: enabled ? theme.colors.text : theme.colors.secondaryText
+        opacity: enabled ? 1 : 0.6
         enabled: !row.isDefault
         onClicked: row.useDefault()
     }

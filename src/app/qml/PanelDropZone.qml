@@ -14,7 +14,7 @@ DropZone {
 
     stages: false
     compact: true
-    implicitHeight: 88
+    implicitHeight: job && job.active ? 112 : 88
 
     ColumnLayout {
         Layout.preferredWidth: Math.min(260, zone.width - 32)

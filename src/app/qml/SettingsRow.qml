@@ -14,10 +14,13 @@ RowLayout {
     Label {
         text: row.text
         Layout.fillWidth: true
+        Layout.fillHeight: true
+        verticalAlignment: Text.AlignVCenter
         wrapMode: Text.Wrap
     }
     RowLayout {
         id: slot
+        Layout.alignment: Qt.AlignVCenter
         spacing: 8
     }
 }

@@ -22,9 +22,9 @@ ThemedWindow {
         id: tabs
         objectName: "settingsTabs"
         background: Rectangle { color: theme.colors.window }
-        TabButton { objectName: "generalTab"; text: qsTr("General") }
-        TabButton { objectName: "accountTab"; text: qsTr("Account") }
-        TabButton { objectName: "aboutTab"; text: qsTr("About") }
+        SettingsTab { objectName: "generalTab"; text: qsTr("General") }
+        SettingsTab { objectName: "accountTab"; text: qsTr("Account") }
+        SettingsTab { objectName: "aboutTab"; text: qsTr("About") }
     }
 
     StackLayout {

@@ -75,7 +75,7 @@ ThemedWindow {
                 Layout.fillWidth: true
                 symbol: "laptopcomputer.and.iphone"
                 text: qsTr("Drop to send to my devices")
-                caption: appModel.signedIn ? qsTr("Phones and computers signed in to your account")
+                caption: appModel.signedIn ? qsTr("To your phones and other computers")
                                            : qsTr("Sign in to send to your devices")
                 doneText: qsTr("Sent to your devices")
                 job: panel.devicesJob
