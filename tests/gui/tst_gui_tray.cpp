@@ -265,7 +265,8 @@ private Q_SLOTS:
     {
         QStringList icons;
         SendJobList *jobs = m_shell->model()->jobs();
-        connect(jobs, &SendJobList::activeCountChanged, this,
+        QObject listening; // ends the connection with this test function
+        connect(jobs, &SendJobList::activeCountChanged, &listening,
                 [&] { icons.append(iconName(tray()->icon())); });
         QGuiApplication::clipboard()->clear();
 
@@ -338,6 +339,36 @@ private Q_SLOTS:
                      QFileInfo(downloads).fileName());
     }
 
+    // The switch shows the real status: on after writing the entry, and back off with the
+    // reason when the autostart folder cannot be made.
+    void launchAtLoginSwitch()
+    {
+        QQuickItem *toggle = findItem(settingsWindow(), QStringLiteral("launchAtLoginSwitch"));
+        QVERIFY(toggle);
+        QVERIFY(!toggle->property("checked").toBool());
+        const QString autostart =
+            qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/autostart");
+        const QString entryFile = autostart + QStringLiteral("/org.lofthaven.Lofthaven.desktop");
+
+        QVERIFY(click(toggle));
+        QTRY_VERIFY(QFileInfo::exists(entryFile));
+        QVERIFY(toggle->property("checked").toBool());
+        QVERIFY(!findItem(settingsWindow(), QStringLiteral("launchAtLoginError")));
+        QVERIFY(click(toggle));
+        QTRY_VERIFY(!QFileInfo::exists(entryFile));
+        QVERIFY(!toggle->property("checked").toBool());
+
+        // A file where the folder should be: the write fails.
+        QVERIFY(QDir(autostart).removeRecursively());
+        QVERIFY(writeFile(autostart, QByteArray("in the way")));
+        QVERIFY(click(toggle));
+        QTRY_VERIFY(findItem(settingsWindow(), QStringLiteral("launchAtLoginError")));
+        QVERIFY(
+            !textOf(findItem(settingsWindow(), QStringLiteral("launchAtLoginError"))).isEmpty());
+        QVERIFY(!toggle->property("checked").toBool());
+        QVERIFY(QFile::remove(autostart));
+    }
+
     void otherTabs()
     {
         QVERIFY(click(findItem(settingsWindow(), QStringLiteral("accountTab"))));
@@ -392,6 +423,20 @@ private Q_SLOTS:
         tray()->panel()->show();
         QVERIFY(QTest::qWaitForWindowExposed(panelWindow()));
         QTRY_VERIFY(!findItem(panelWindow(), QStringLiteral("panelSignedOut")));
+
+        // A drop on "Drop to send to my devices" lands in the devices inbox as a new item.
+        const QString file = m_files.filePath(QStringLiteral("boarding pass.pdf"));
+        QVERIFY(writeFile(file, randomBytes(20 * 1024, 9)));
+        QVERIFY(dropFiles(findItem(panelWindow(), QStringLiteral("panelDevicesZone")), {file}));
+        QTRY_VERIFY_WITH_TIMEOUT(tray()->panel()->devicesJob(), kWait);
+        SendJob *job = tray()->panel()->devicesJob();
+        QVERIFY(job->toSelf());
+        QTRY_VERIFY_WITH_TIMEOUT(!job->isActive(), kWait);
+        QCOMPARE(job->state(), SendJob::State::Done);
+        model->refreshInbox(true);
+        QTRY_VERIFY_WITH_TIMEOUT(findItem(panelWindow(), QStringLiteral("panelInbox")), kWait);
+        QCOMPARE(textOf(findItem(panelWindow(), QStringLiteral("panelInbox"))),
+                 QStringLiteral("%1 new from your devices").arg(model->newInboxCount()));
         screenshot(panelWindow(), QStringLiteral("tray-panel-signed-in"));
         tray()->panel()->hide();
     }

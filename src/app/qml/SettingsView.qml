@@ -18,6 +18,15 @@ ThemedWindow {
         onActivated: window.close()
     }
 
+    Shortcut {
+        sequences: [StandardKey.NextChild, "Ctrl+PgDown"]
+        onActivated: tabs.currentIndex = (tabs.currentIndex + 1) % tabs.count
+    }
+    Shortcut {
+        sequences: [StandardKey.PreviousChild, "Ctrl+PgUp"]
+        onActivated: tabs.currentIndex = (tabs.currentIndex + tabs.count - 1) % tabs.count
+    }
+
     header: TabBar {
         id: tabs
         objectName: "settingsTabs"
