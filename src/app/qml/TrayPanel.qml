@@ -90,6 +90,11 @@ ThemedWindow {
                 icon.name: Symbols.icon("tray.and.arrow.down.fill")
                 icon.color: theme.colors.accentText
                 text: qsTr("%1 new from your devices").arg(appModel.newInboxCount)
+                background: Rectangle {
+                    radius: 8
+                    color: parent.hovered ? theme.colors.dropZoneActive : theme.colors.card
+                    border.color: parent.visualFocus ? theme.colors.accentText : theme.colors.cardBorder
+                }
                 onClicked: {
                     window.hide()
                     tray.showWindow(2)
