@@ -122,9 +122,18 @@ private Q_SLOTS:
         QTest::qWait(1000);
         QVERIFY(!tray()->icon()->icon());
         QVERIFY(!tray()->icon()->isShown());
+        QVERIFY(!tray()->settings()->trayAvailable());
+        if (!qEnvironmentVariableIsEmpty("LOFTHAVEN_SCREENSHOTS")) {
+            tray()->showSettings();
+            QVERIFY(QTest::qWaitForWindowExposed(settingsWindow()));
+            QVERIFY(findItem(settingsWindow(), QStringLiteral("noTrayNote")));
+            screenshot(settingsWindow(), QStringLiteral("settings-general-no-tray"));
+            settingsWindow()->close();
+        }
 
         QVERIFY(m_watcher.start());
         QTRY_VERIFY_WITH_TIMEOUT(tray()->icon()->isShown(), kWait);
+        QVERIFY(tray()->settings()->trayAvailable());
         QTRY_COMPARE_WITH_TIMEOUT(m_watcher.items().size(), 1, kWait);
         // Qt registers its item under a bus connection of its own.
         QVERIFY(m_watcher.itemOnBus(m_watcher.items().constFirst()));
@@ -314,6 +323,7 @@ private Q_SLOTS:
         QQuickItem *row = findItem(settingsWindow(), QStringLiteral("downloadFolderRow"));
         QVERIFY(row);
         QVERIFY(!findItem(row, QStringLiteral("useDefaultFolder"))->isEnabled());
+        QVERIFY(!findItem(settingsWindow(), QStringLiteral("noTrayNote")));
         screenshot(settingsWindow(), QStringLiteral("settings-general"));
         if (!qEnvironmentVariableIsEmpty("LOFTHAVEN_SCREENSHOTS")) {
             // The same tab at the window's smallest size.

@@ -98,6 +98,14 @@ void SettingsWindow::setShowInTray(bool show)
     Q_EMIT showInTrayChanged();
 }
 
+void SettingsWindow::setTrayAvailable(bool available)
+{
+    if (available == m_trayAvailable)
+        return;
+    m_trayAvailable = available;
+    Q_EMIT trayAvailableChanged();
+}
+
 bool SettingsWindow::autoDownload() const
 {
     return boolPreference(Preference::AutoDownload);

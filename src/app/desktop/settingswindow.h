@@ -22,6 +22,7 @@ class SettingsWindow : public QObject
     Q_PROPERTY(bool launchAtLogin READ launchAtLogin NOTIFY launchAtLoginChanged)
     Q_PROPERTY(QString launchAtLoginError READ launchAtLoginError NOTIFY launchAtLoginChanged)
     Q_PROPERTY(bool showInTray READ showInTray WRITE setShowInTray NOTIFY showInTrayChanged)
+    Q_PROPERTY(bool trayAvailable READ trayAvailable NOTIFY trayAvailableChanged)
     Q_PROPERTY(bool autoDownload READ autoDownload WRITE setAutoDownload NOTIFY autoDownloadChanged)
     Q_PROPERTY(
         bool notifications READ notifications WRITE setNotifications NOTIFY notificationsChanged)
@@ -47,6 +48,8 @@ public:
     Q_INVOKABLE void setLaunchAtLogin(bool enabled);
 
     bool showInTray() const;
+    bool trayAvailable() const { return m_trayAvailable; }
+    void setTrayAvailable(bool available);
     void setShowInTray(bool show);
     bool autoDownload() const;
     void setAutoDownload(bool enabled);
@@ -78,6 +81,7 @@ public:
 Q_SIGNALS:
     void launchAtLoginChanged();
     void showInTrayChanged();
+    void trayAvailableChanged();
     void autoDownloadChanged();
     void notificationsChanged();
     void downloadFolderChanged();
@@ -91,6 +95,7 @@ private:
     QPointer<QQuickWindow> m_window;
     bool m_launchAtLogin = false;
     QString m_launchAtLoginError;
+    bool m_trayAvailable = false;
 };
 
 } // namespace lofthaven

@@ -48,6 +48,8 @@ TrayController::TrayController(DesktopShell *shell)
     connect(m_panel, &TrayPanel::quitRequested, qApp, &QCoreApplication::quit);
 
     connect(m_settings, &SettingsWindow::showInTrayChanged, m_icon, &TrayIcon::refresh);
+    connect(m_icon, &TrayIcon::availableChanged, this,
+            [this] { m_settings->setTrayAvailable(m_icon->isAvailable()); });
     connect(m_settings, &SettingsWindow::downloadFolderChanged, shell->bridge(),
             &DesktopBridge::downloadFolderChanged);
 

@@ -82,7 +82,10 @@ void TrayIcon::watcherAppeared()
     // The icon and its menu are widgets: a QGuiApplication (some tests) gets no tray.
     if (!qobject_cast<QApplication *>(QCoreApplication::instance()))
         return;
-    m_trayAvailable = true;
+    if (!m_trayAvailable) {
+        m_trayAvailable = true;
+        Q_EMIT availableChanged();
+    }
     refresh();
 }
 

@@ -35,6 +35,8 @@ public:
     void start();
     // Whether an icon is on the panel right now.
     bool isShown() const;
+    // Whether the desktop has a tray (a watcher appeared and widgets are available).
+    bool isAvailable() const { return m_trayAvailable; }
     // Reads "showMenuBarExtra" again and shows or hides the icon accordingly.
     void refresh();
     // Both made with the first icon.
@@ -43,6 +45,7 @@ public:
 
 Q_SIGNALS:
     void shownChanged();
+    void availableChanged();
     void panelRequested();
     void sendFilesRequested();
     void receiveRequested();

@@ -52,6 +52,14 @@ ScrollView {
                     }
                 }
             }
+            Label {
+                objectName: "noTrayNote"
+                visible: !settings.trayAvailable
+                text: qsTr("This desktop shows no tray icons right now. Lofthaven adds its icon when a tray appears.")
+                color: theme.colors.secondaryText
+                wrapMode: Text.Wrap
+                Layout.fillWidth: true
+            }
             SettingsRow {
                 text: qsTr("Appearance")
                 ComboBox {
