@@ -13,5 +13,9 @@ for theme in light dark; do
   for test in gui_send gui_receive gui_account gui_history; do
     LOFTHAVEN_THEME=$theme xvfb-run -a -s "-screen 0 1280x900x24" "build/tests/tst_$test" -silent >/dev/null
   done
+  # The tray panel and the settings window need a session bus with a tray on it.
+  LOFTHAVEN_THEME=$theme xvfb-run -a -s "-screen 0 1280x900x24" \
+    dbus-run-session --config-file=tests/gui/tray-session-bus.conf -- \
+    build/tests/tst_gui_tray -silent >/dev/null
 done
 ls "$out"

@@ -10,6 +10,7 @@
 #include "app/desktop/qrimageprovider.h"
 #include "app/desktop/singleinstance.h"
 #include "app/desktop/themewatcher.h"
+#include "app/desktop/traycontroller.h"
 #include "model/appmodel.h"
 #include "platform/applicationid.h"
 #include "platform/desktopapp.h"
@@ -18,6 +19,7 @@
 #include "platform/waitfortask.h"
 #include "receive/downloadjob.h"
 
+#include <QApplication>
 #include <QClipboard>
 #include <QCoreApplication>
 #include <QDateTime>
@@ -46,7 +48,8 @@ DesktopShell::DesktopShell(QObject *parent)
 
 DesktopShell::~DesktopShell()
 {
-    // The screens go before the objects they bind to.
+    // The screens go before the objects they bind to; the tray's windows before their engine.
+    delete m_tray;
     m_engine.reset();
 }
 
@@ -86,12 +89,15 @@ bool DesktopShell::open(bool showWindow)
     context->setContextProperty(QStringLiteral("appModel"), m_model);
     context->setContextProperty(QStringLiteral("desktop"), m_bridge);
     context->setContextProperty(QStringLiteral("theme"), m_theme);
+    m_tray = new TrayController(this);
+    context->setContextProperty(QStringLiteral("tray"), m_tray);
     if (!showWindow)
         m_engine->setInitialProperties({{QStringLiteral("visible"), false}});
     m_engine->load(QUrl(QStringLiteral("qrc:/qml/ContentView.qml")));
     if (m_engine->rootObjects().isEmpty())
         return false;
     m_badge = new LauncherBadge(m_model, this);
+    m_tray->start();
     m_model->start();
     return true;
 }
@@ -270,7 +276,8 @@ int runDesktop(int &argc, char **argv)
     }
     setDesktopApp(true);
     preferSoftwareRenderingWithoutGpu();
-    QGuiApplication app(argc, argv);
+    // Widgets for the tray icon and its menu.
+    QApplication app(argc, argv);
     QGuiApplication::setApplicationVersion(QStringLiteral(LOFTHAVEN_VERSION));
     DesktopShell::setUpApplication();
     try {

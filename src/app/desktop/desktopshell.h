@@ -20,6 +20,7 @@ class DesktopBridge;
 class LaunchRequest;
 class LauncherBadge;
 class ThemeWatcher;
+class TrayController;
 struct NotificationEvent;
 
 // The window and everything behind it: the account session, the one application model, the
@@ -52,6 +53,8 @@ public:
 
     AppModel *model() const { return m_model; }
     ThemeWatcher *theme() const { return m_theme; }
+    DesktopBridge *bridge() const { return m_bridge; }
+    TrayController *tray() const { return m_tray; }
     QQmlApplicationEngine *engine() const { return m_engine.get(); }
     QQuickWindow *window() const;
 
@@ -64,6 +67,7 @@ private:
     DesktopBridge *m_bridge;
     ThemeWatcher *m_theme;
     LauncherBadge *m_badge = nullptr;
+    TrayController *m_tray = nullptr;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
 };
 

@@ -72,6 +72,7 @@ ApplicationWindow {
     Shortcut { sequence: "Ctrl+Shift+R"; onActivated: window.showTab(1) }
     Shortcut { sequence: "Ctrl+Shift+V"; onActivated: { window.showTab(0); window.pasteFiles() } }
     Shortcut { sequence: StandardKey.Quit; onActivated: Qt.quit() }
+    Shortcut { sequence: "Ctrl+,"; onActivated: tray.showSettings() }
 
     FileDialog {
         id: fileDialog
@@ -161,6 +162,8 @@ ApplicationWindow {
                     MenuItem { text: qsTr("Send Files…"); onTriggered: { window.showTab(0); window.chooseFiles() } }
                     MenuItem { text: qsTr("Receive…"); onTriggered: window.showTab(1) }
                     MenuItem { text: qsTr("Paste Files to Send"); onTriggered: { window.showTab(0); window.pasteFiles() } }
+                    MenuSeparator {}
+                    MenuItem { objectName: "settingsMenuItem"; text: qsTr("Settings…"); onTriggered: tray.showSettings() }
                     MenuSeparator {}
                     MenuItem { text: qsTr("Lofthaven Website"); onTriggered: desktop.openServicePage("/") }
                     MenuItem { text: qsTr("Terms of Service"); onTriggered: desktop.openServicePage("/legal/terms") }

@@ -2,9 +2,12 @@ import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
 
-// An area that takes dropped files and folders (text/uri-list) and stages them.
+// An area that takes dropped files and folders (text/uri-list) and stages them, or only
+// reports them when `stages` is false.
 DropArea {
     id: zone
+    property bool stages: true
+    signal filesDropped(var paths)
     property string symbol: "paperplane.circle.fill"
     property string text
     property bool compact: false
@@ -14,7 +17,10 @@ DropArea {
     implicitWidth: column.implicitWidth + 32
     keys: ["text/uri-list"]
     onDropped: function (drop) {
-        appModel.stage(drop.urls.map(function (u) { return u.toString() }))
+        var paths = drop.urls.map(function (u) { return u.toString() })
+        if (zone.stages)
+            appModel.stage(paths)
+        zone.filesDropped(paths)
         drop.acceptProposedAction()
     }
 

@@ -41,9 +41,24 @@ var names = {
     "photo": "image-x-generic-symbolic",
     "music.note": "audio-x-generic-symbolic",
     "film": "video-x-generic-symbolic",
-    "doc.richtext": "x-office-document-symbolic"
+    "doc.richtext": "x-office-document-symbolic",
+    "gearshape": "emblem-system-symbolic",
+    "power": "system-shutdown-symbolic",
+    "arrow.uturn.backward": "edit-undo-symbolic",
+    "tray.and.arrow.down.fill": "lofthaven-inbox",
+    "arrow.up.circle.fill": "go-up-symbolic"
+};
+
+// The tray icon sits on panels of any colour, so it uses the full-colour drawings in icons/.
+var trayNames = {
+    "paperplane.fill": "lofthaven-tray-idle",
+    "arrow.up.circle.fill": "lofthaven-tray-uploading"
 };
 
 function icon(symbol) {
     return names[symbol] || symbol;
+}
+
+function trayIcon(symbol) {
+    return trayNames[symbol] || icon(symbol);
 }
