@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # 1,000 small JSON GETs through APIClient (sequential and 6 at a time) against curl doing the
 # same in the same run, against a local keep-alive server. Prints requests/s, p50/p99 and the
-# ratio to curl (goal: at least 0.8).
-# Usage: bench/api_json.sh [BUILD_DIR] [COUNT]
+# ratio to curl (goal: at least 0.95). Each side runs RUNS times, interleaved; medians count.
+# Usage: bench/api_json.sh [BUILD_DIR] [COUNT] [RUNS=3]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD=${1:-build}
 COUNT=${2:-1000}
+RUNS=${3:-3}
+. bench/table.sh
 PORT=${PORT:-18481}
 DRIVER="$BUILD/bin/lofthaven-bench-api-json"
 SERVER="$BUILD/bin/lofthaven-bench-api-server"
@@ -45,11 +47,19 @@ PY
 field() { sed -n "s/.*$1=\([0-9.]*\).*/\1/p" <<<"$2"; }
 
 for parallel in 1 6; do
-    ours=$("$DRIVER" "$ORIGIN" "$COUNT" "$parallel")
-    theirs=$(run_curl "$parallel")
-    ratio=$(python3 -c "print(f'{$(field rps "$ours") / $(field rps "$theirs"):.2f}')")
-    echo "concurrency $parallel"
-    echo "  lofthaven: $ours"
-    echo "  curl:      $theirs"
-    echo "  ratio (lofthaven rps / curl rps): $ratio"
+    ours_rps=(); theirs_rps=()
+    for _ in $(seq "$RUNS"); do
+        ours=$("$DRIVER" "$ORIGIN" "$COUNT" "$parallel")
+        theirs=$(run_curl "$parallel")
+        ours_rps+=("$(field rps "$ours")"); theirs_rps+=("$(field rps "$theirs")")
+        echo "concurrency $parallel"
+        echo "  lofthaven: $ours"
+        echo "  curl:      $theirs"
+    done
+    med() { printf '%s\n' "$@" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
+    o=$(med "${ours_rps[@]}"); t=$(med "${theirs_rps[@]}")
+    table_row "$COUNT JSON GETs, $parallel at a time" \
+        "$o/s p50 $(field p50_ms "$ours") p99 $(field p99_ms "$ours") ms" \
+        "curl $t/s p50 $(field p50_ms "$theirs") p99 $(field p99_ms "$theirs") ms" \
+        "$(awk -v a="$o" -v b="$t" 'BEGIN { printf "%.2f", a / b }')" "-" ">= 0.95"
 done

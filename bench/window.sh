@@ -14,6 +14,7 @@ if [ -z "${DISPLAY:-}" ] && [ -z "${XVFB_WRAPPED:-}" ]; then
   XVFB_WRAPPED=1 exec xvfb-run -a -s "-screen 0 1280x900x24" "$0" "$@"
 fi
 cmake --build "$build" --target lofthaven lofthaven-service lofthaven-bench-window >/dev/null
+. "$root/bench/table.sh"
 work=$(mktemp -d)
 export HOME=$work/home XDG_RUNTIME_DIR=$work/run LANG=C.UTF-8
 mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$work/data"; chmod 700 "$XDG_RUNTIME_DIR"
@@ -62,6 +63,12 @@ printf '%-44s %10s ms %12s\n' "launch to first frame (median of $launches)" "$me
 printf '%-44s %11s %% %12s\n' "idle CPU over 10 s" "$cpu" "< 1 %"
 printf '%-44s %10s /s %12s\n' "idle context switches (all threads)" "$wake" "-"
 printf '%-44s %8s MiB %12s\n' "idle resident memory" "$((rss / 1024))" "< 150 MiB"
+per() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+table_row "window: launch to first frame" "$median ms" "limit 1000 ms" "$(per "$median" 1000)" \
+  "-" "<= 1.00"
+table_row "window: idle CPU over 10 s" "$cpu %" "limit 1 %" "$(per "$cpu" 1)" "-" "<= 1.00"
+table_row "window: idle resident memory" "$((rss / 1024)) MiB" "limit 150 MiB" \
+  "$(per "$((rss / 1024))" 150)" "$((rss / 1024)) MiB" "<= 1.00"
 
 if [ "$mib" -gt 0 ]; then
   head -c $((mib * 1024 * 1024)) /dev/urandom >"$work/big.bin"
@@ -73,4 +80,5 @@ if [ "$mib" -gt 0 ]; then
   printf '%-44s %11s s %12s\n' "$mib MiB send, command line" "$cli" "-"
   printf '%-44s %11s s %12s\n' "$mib MiB send, from the window" "$window" "-"
   printf '%-44s %12sx %12s\n' "window throughput / command line" "$ratio" ">= 0.95x"
+  table_row "window: $mib MiB send vs command line" "$window s" "cli $cli s" "$ratio" "-" ">= 0.95"
 fi
