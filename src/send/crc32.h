@@ -5,8 +5,9 @@
 namespace lofthaven {
 
 // The ZIP CRC-32 (the same polynomial and conditioning as zlib's crc32), computed with
-// libdeflate's carry-less-multiply kernels: on the hot path of every archived byte, where
-// zlib's table-driven loop was a third of the stream's CPU time.
+// libdeflate's carry-less-multiply kernels. Every archived byte passes through it: zlib's
+// table-driven loop ran at about 0.6 GB/s on our 2-core machines, below the disk, and
+// libdeflate at about 2.2 GB/s.
 class Crc32
 {
 public:
