@@ -54,6 +54,8 @@ rate() { awk -v b="$1" -v s="$2" 'BEGIN { printf "%.0f", b / 1048576 / s }'; } #
 per_gib() { awk -v c="$1" -v b="$2" 'BEGIN { printf "%.2f", c / (b / 1073741824) }'; }
 json() { python3 -c "import json,sys; print(json.load(sys.stdin)['$1'])"; }
 service_rss() { awk '/VmHWM/ {print $2}' "/proc/$service/status"; }
+service_cpu() { awk -v hz="$(getconf CLK_TCK)" '{ printf "%.2f", ($14 + $15) / hz }' "/proc/$service/stat"; }
+cpu_of_t() { awk '{ printf "%.2f", $2 + $3 }' "$work/t"; } # user + sys of the last timed run
 mib_rss() { kib_to_mib "$(median "$@")"; }
 # Untimed between runs: no run pays for the previous one's writeback.
 settle() { rm -f "$@"; sync; }
@@ -193,23 +195,32 @@ mkdir -p "$work/Folder/small"
 dd if=/dev/urandom of="$work/Folder/large.bin" bs=1M count=$((folder_mib - 40)) status=none
 head -c $((10000 * 4096)) /dev/urandom | split -b 4096 -d -a 5 - "$work/Folder/small/f"
 cat "$work/Folder/large.bin" >/dev/null
-declare -a stream_t same_t folder_t folder_rss
+declare -a stream_t same_t folder_t folder_rss stream_cpu same_cpu folder_cpu
 for run in $(seq "$runs"); do
   settle; rm -rf "$work/spill"
   timed /dev/null "$send_driver" zip "$work/Folder" "$work/spill" 16777216
-  stream_t+=("$(field 1)")
+  stream_t+=("$(field 1)"); stream_cpu+=("$(cpu_of_t)")
   rm -rf "$work/spill"; settle
+  c0=$(service_cpu)
   timed "$work/up.txt" "$driver" upload "$work/Folder"
   folder_t+=("$(field 1)"); folder_rss+=("$(field 4)")
+  folder_cpu+=("$(awk -v a="$(cpu_of_t)" -v b="$c0" -v c="$(service_cpu)" 'BEGIN { printf "%.2f", a + c - b }')")
   read -r fid _ fowner archive_size <"$work/up.txt"
   curl -sf -X DELETE -H "X-Owner-Token: $fowner" "$origin/api/transfers/$fid" >/dev/null
   [ -f "$work/same.bin" ] || { head -c "$archive_size" /dev/urandom >"$work/same.bin"; cat "$work/same.bin" >/dev/null; }
   settle
+  c0=$(service_cpu)
   timed "$work/up.txt" "$driver" upload "$work/same.bin"
   same_t+=("$(field 1)")
+  same_cpu+=("$(awk -v a="$(cpu_of_t)" -v b="$c0" -v c="$(service_cpu)" 'BEGIN { printf "%.2f", a + c - b }')")
   read -r sid _ sowner _ <"$work/up.txt"
   curl -sf -X DELETE -H "X-Owner-Token: $sowner" "$origin/api/transfers/$sid" >/dev/null
 done
+# Where the folder's time goes: CPU seconds (user + system, client and service together). With
+# every core busy, the together run cannot end sooner than its CPU seconds over the core count.
+echo "folder CPU seconds: stream alone $(median "${stream_cpu[@]}"), upload alone (client +" \
+  "service) $(median "${same_cpu[@]}"), together $(median "${folder_cpu[@]}"); $(nproc) cores" \
+  "=> together takes at least $(awk -v c="$(median "${folder_cpu[@]}")" -v n="$(nproc)" 'BEGIN { printf "%.2f", c / n }') s"
 st=$(median "${stream_t[@]}")
 ut=$(median "${same_t[@]}")
 ft=$(median "${folder_t[@]}")
