@@ -31,7 +31,8 @@ export BENCH_TABLE=$work/table.tsv
 trap 'rm -rf "$work"' EXIT
 
 cmake --build "$build" -j2 --target lofthaven-service lofthaven-bench-send \
-  lofthaven-bench-transfer lofthaven-bench-api-json lofthaven-bench-api-server lofthaven >/dev/null
+  lofthaven-bench-transfer lofthaven-bench-api-json lofthaven-bench-api-server lofthaven \
+  lofthaven-bench-window >/dev/null
 
 if [ $full = 1 ]; then
   zip_mib=2048 transfer_mib=4096 service_bytes=$((4 << 30)) million=--million window_mib=2048

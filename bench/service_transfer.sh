@@ -36,7 +36,7 @@ now() { date +%s.%N; }
 mbps() { awk -v b="$1" -v t="$2" 'BEGIN { printf "%.0f", b / t / 1048576 }'; }
 median() { sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
 
-up=(); down=(); wr=(); rd=(); null=()
+up=(); down=(); wr=(); rd=(); null=(); catnull=()
 for run in $(seq "$runs"); do
   # Baseline write: the same bytes copied on the same disk, flushed like the service flushes.
   sync; t0=$(now)
@@ -76,6 +76,9 @@ for run in $(seq "$runs"); do
   rm -f "$work/download.bin"
   t0=$(now); curl -sS --fail -o /dev/null "$origin/dl/$id"; t1=$(now)
   null+=("$(awk -v a="$t0" -v b="$t1" 'BEGIN{print b-a}')")
+  # The service alone: the same warm bytes read and thrown away by cat.
+  t0=$(now); cat "$data/transfers/$id"/part-* > /dev/null; t1=$(now)
+  catnull+=("$(awk -v a="$t0" -v b="$t1" 'BEGIN{print b-a}')")
   curl -sS -X DELETE -H @"$work/owner.hdr" "$origin/api/transfers/$id" > /dev/null
 done
 
@@ -95,6 +98,10 @@ mib=$((size / 1048576))
 table_row "service download $mib MiB, curl -o (cold)" "$(mbps "$size" "$m_down") MiB/s" \
   "cat $(mbps "$size" "$m_rd") MiB/s" "$(awk -v d="$m_down" -v r="$m_rd" 'BEGIN { printf "%.2f", r / d }')" \
   "service $((rss / 1024)) MiB" ">= 0.90"
+m_catnull=$(printf '%s\n' "${catnull[@]}" | median)
+table_row "service alone: $mib MiB to curl -o /dev/null (warm)" "$(mbps "$size" "$m_null") MiB/s" \
+  "cat >/dev/null $(mbps "$size" "$m_catnull") MiB/s" \
+  "$(awk -v d="$m_null" -v r="$m_catnull" 'BEGIN { printf "%.2f", r / d }')" "service $((rss / 1024)) MiB" "-"
 table_row "service upload $mib MiB, curl 4 parallel" "$(mbps "$size" "$m_up") MiB/s" \
   "dd fsync $(mbps "$size" "$m_wr") MiB/s" "$(awk -v u="$m_up" -v w="$m_wr" 'BEGIN { printf "%.2f", w / u }')" \
   "service $((rss / 1024)) MiB" ">= 0.60"

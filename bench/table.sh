@@ -1,10 +1,11 @@
 # One row of bench/all.sh's table (sourced, not run). Every benchmark calls table_row once per
 # goal; the row is appended to $BENCH_TABLE when set, and printed either way.
-#   table_row WHAT OURS REFERENCE RATIO PEAK_RSS GOAL     GOAL is ">= 0.80" or "<= 2.00"
+#   table_row WHAT OURS REFERENCE RATIO PEAK_RSS GOAL     GOAL is ">= 0.80", "<= 2.00" or "-"
 table_row() {
   local what=$1 ours=$2 reference=$3 ratio=$4 rss=$5 goal=$6 met
   met=$(awk -v r="$ratio" -v g="$goal" 'BEGIN {
     split(g, p, " ")
+    if (g == "-") { print "info"; exit }
     if (r !~ /^[0-9.]+$/) { print "n/a"; exit }
     ok = (p[1] == ">=") ? (r + 0 >= p[2] + 0) : (r + 0 <= p[2] + 0)
     print ok ? "met" : "MISSED"
