@@ -63,11 +63,14 @@ fi
 mem=$(awk '/MemTotal/ { printf "%.0f GiB", $2 / 1048576 }' /proc/meminfo)
 cpu=$(awk -F': ' '/model name/ { print $2; exit }' /proc/cpuinfo)
 disk=$(df -P "$dir" | awk 'NR == 2 { print $1 }')
-disk_kind=$(lsblk -ndo ROTA,MODEL "$disk" 2>/dev/null | awk '{ printf "%s%s", ($1 == 1 ? "rotating" : "solid-state"), (NF > 1 ? ", " $2 : "") }')
+case $disk in
+  /dev/vd*) disk_kind="virtio" ;;
+  *) disk_kind=$(lsblk -ndo ROTA "$disk" 2>/dev/null | awk '{ print ($1 == 1 ? "rotating" : "solid-state") }') ;;
+esac
 echo
 echo "Lofthaven benchmarks, $([ $full = 1 ] && echo full || echo quick) mode, $(date -u '+%Y-%m-%d %H:%M UTC'), median of $runs"
 echo "machine: $(nproc) cores, $cpu, $mem memory, $disk (${disk_kind:-unknown}) $(df -Ph "$dir" | awk 'NR == 2 { print $4 }') free, kernel $(uname -r)"
-echo "load (1/5/15 min): ${loads[0]}; $(IFS=';'; echo "${loads[*]:1}")"
+echo "load (1/5/15 min): $(printf '%s; ' "${loads[@]}" | sed 's/; $//')"
 echo
 {
   printf 'what\tours\treference\tratio\tpeak RSS\tgoal\tmet\n'

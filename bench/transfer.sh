@@ -168,7 +168,7 @@ done
 settle "$work/copy.bin"
 dd_=$(median "${disk_down[@]}")
 table_row "download $mib MiB vs disk limit" "$(rate "$size" "$ld") MiB/s" \
-  "cat|dd fsync $(rate "$size" "$dd_") MiB/s" "$(ratio "$dd_" "$ld")" "-" ">= 0.60"
+  "cat + dd fsync $(rate "$size" "$dd_") MiB/s" "$(ratio "$dd_" "$ld")" "-" ">= 0.60"
 
 echo "== download killed at half, then resumed"
 rm -f "$work/lh.part"
