@@ -5,8 +5,6 @@
 #include "transfercolumns.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,8 +14,7 @@ namespace lofthaven::service {
 
 namespace {
 
-// Bytes handed to the socket per call: each call costs cpp-httplib a poll() before its send().
-constexpr size_t kIoChunk = 4 * 1024 * 1024;
+constexpr size_t kIoChunk = 1024 * 1024;
 constexpr int kBusyRetrySeconds = 5;
 
 } // namespace
@@ -110,48 +107,19 @@ void DownloadRoutes::download(Exchange &x)
         return;
     }
 
-    // Parts are sent straight from a read-only mapping: the socket copies out of the page
-    // cache once, where a read() into a buffer first added a second full copy. Part files are
-    // never rewritten in place (an upload renames a new file over them), so a mapping stays valid.
     struct Reader
     {
         ServiceContext *context;
         std::string id;
         int64_t partSize;
         int64_t part = -1;
-        const char *map = nullptr;
-        size_t mapLength = 0;
-        void unmap()
+        int fd = -1;
+        std::vector<char> buffer = std::vector<char>(kIoChunk);
+        ~Reader()
         {
-            if (map)
-                ::munmap(const_cast<char *>(map), mapLength);
-            map = nullptr;
-            mapLength = 0;
+            if (fd >= 0)
+                ::close(fd);
         }
-        bool open(int64_t number)
-        {
-            unmap();
-            part = number;
-            const int fd = ::open(context->partPath(id, number + 1).c_str(), O_RDONLY | O_CLOEXEC);
-            if (fd < 0)
-                return false;
-            struct stat st
-            {
-            };
-            void *p = MAP_FAILED;
-            if (::fstat(fd, &st) == 0 && st.st_size > 0)
-                p = ::mmap(nullptr, size_t(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
-            ::close(fd);
-            if (p == MAP_FAILED)
-                return false;
-            map = static_cast<const char *>(p);
-            mapLength = size_t(st.st_size);
-            // Read ahead the whole part while the socket drains what is already there.
-            ::madvise(p, mapLength, MADV_SEQUENTIAL);
-            ::madvise(p, mapLength, MADV_WILLNEED);
-            return true;
-        }
-        ~Reader() { unmap(); }
     };
     auto state = std::make_shared<Reader>();
     state->context = &m_context;
@@ -168,8 +136,16 @@ void DownloadRoutes::download(Exchange &x)
                 return false;
             const int64_t pos = first + static_cast<int64_t>(offset);
             const int64_t part = pos / state->partSize;
-            if (part != state->part && !state->open(part))
-                return false;
+            if (part != state->part) {
+                if (state->fd >= 0)
+                    ::close(state->fd);
+                state->part = part;
+                state->fd = ::open(state->context->partPath(state->id, part + 1).c_str(),
+                                   O_RDONLY | O_CLOEXEC);
+                if (state->fd < 0)
+                    return false;
+                ::posix_fadvise(state->fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+            }
             const int64_t inPart = pos - part * state->partSize;
             int64_t want =
                 std::min<int64_t>(static_cast<int64_t>(kIoChunk), state->partSize - inPart);
@@ -179,14 +155,13 @@ void DownloadRoutes::download(Exchange &x)
                 want = 1;
             if (dropAt >= 0)
                 want = std::min<int64_t>(want, dropAt - static_cast<int64_t>(offset));
-            // A part shorter than the transfer says is a damaged store: end the answer early.
-            const int64_t got =
-                std::min<int64_t>(want, static_cast<int64_t>(state->mapLength) - inPart);
+            const ssize_t got =
+                ::pread(state->fd, state->buffer.data(), static_cast<size_t>(want), inPart);
             if (got <= 0)
                 return false;
             if (trickle > 0)
                 std::this_thread::sleep_for(std::chrono::milliseconds(trickle));
-            if (!sink.write(state->map + inPart, static_cast<size_t>(got)))
+            if (!sink.write(state->buffer.data(), static_cast<size_t>(got)))
                 return false;
             Exchange::stats().bytesOut += got;
             // A download counts once, when the transfer's last byte goes out,
