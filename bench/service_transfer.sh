@@ -2,12 +2,13 @@
 # Upload a large transfer to lofthaven-service in 16 MiB parts, 4 at a time, and
 # download it, both with curl; compare with cat/dd writing and reading the same
 # bytes on the same disk in the same run. Prints throughputs, ratios and the
-# service's peak RSS. Usage: bench/service_transfer.sh [BYTES] [RUNS]
+# service's peak RSS. Usage: bench/service_transfer.sh [BYTES] [RUNS]   (BENCH_DIR=work folder)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=${LOFTHAVEN_SERVICE:-build/bin/lofthaven-service}
-work=${BENCH_DIR:-bench/out/service}
+work=${BENCH_DIR:-${TMPDIR:-/tmp}/lofthaven-bench-service}
 runs=${2:-3}
+. bench/table.sh
 mkdir -p "$work"
 avail_gb=$(df -BG --output=avail "$work" | tail -1 | tr -dc 0-9)
 size=${1:-$((2 * 1024 * 1024 * 1024))}
@@ -27,7 +28,7 @@ data="$work/data"
 rm -rf "$data" && mkdir -p "$data"
 "$bin" --listen 127.0.0.1:0 --data "$data" --anonymous-max-bytes "$size" > "$work/ready" 2> "$work/service.log" &
 pid=$!
-trap 'kill $pid 2>/dev/null; wait $pid 2>/dev/null || true' EXIT
+trap 'kill $pid 2>/dev/null; wait $pid 2>/dev/null || true; rm -rf "$work"' EXIT
 for _ in $(seq 100); do [ -s "$work/ready" ] && break; sleep 0.05; done
 origin=$(sed 's/.* on //' "$work/ready")
 
@@ -35,7 +36,7 @@ now() { date +%s.%N; }
 mbps() { awk -v b="$1" -v t="$2" 'BEGIN { printf "%.0f", b / t / 1048576 }'; }
 median() { sort -n | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
 
-up=(); down=(); wr=(); rd=(); null=()
+up=(); down=(); wr=(); rd=(); null=(); catnull=()
 for run in $(seq "$runs"); do
   # Baseline write: the same bytes copied on the same disk, flushed like the service flushes.
   sync; t0=$(now)
@@ -75,6 +76,9 @@ for run in $(seq "$runs"); do
   rm -f "$work/download.bin"
   t0=$(now); curl -sS --fail -o /dev/null "$origin/dl/$id"; t1=$(now)
   null+=("$(awk -v a="$t0" -v b="$t1" 'BEGIN{print b-a}')")
+  # The service alone: the same warm bytes read and thrown away by cat.
+  t0=$(now); cat "$data/transfers/$id"/part-* > /dev/null; t1=$(now)
+  catnull+=("$(awk -v a="$t0" -v b="$t1" 'BEGIN{print b-a}')")
   curl -sS -X DELETE -H @"$work/owner.hdr" "$origin/api/transfers/$id" > /dev/null
 done
 
@@ -88,5 +92,16 @@ echo "baseline (cat part files > file, same disk): $(mbps "$size" "$m_rd") MiB/s
 m_null=$(printf '%s\n' "${null[@]}" | median)
 echo "download to /dev/null (service alone):   $(mbps "$size" "$m_null") MiB/s  median ${m_null}s"
 awk -v u="$m_up" -v w="$m_wr" -v d="$m_down" -v r="$m_rd" \
-  'BEGIN { printf "ratio upload/baseline = %.2f   ratio download/baseline = %.2f   (goal >= 0.70)\n", w / u, r / d }'
+  'BEGIN { printf "ratio upload/baseline = %.2f   ratio download/baseline = %.2f   (goals: download >= 0.90, upload >= 0.60)\n", w / u, r / d }'
 echo "service peak RSS: $((rss / 1024)) MiB"
+mib=$((size / 1048576))
+table_row "service download $mib MiB, curl -o (cold)" "$(mbps "$size" "$m_down") MiB/s" \
+  "cat $(mbps "$size" "$m_rd") MiB/s" "$(awk -v d="$m_down" -v r="$m_rd" 'BEGIN { printf "%.2f", r / d }')" \
+  "service $((rss / 1024)) MiB" ">= 0.90"
+m_catnull=$(printf '%s\n' "${catnull[@]}" | median)
+table_row "service alone: $mib MiB to curl -o /dev/null (warm)" "$(mbps "$size" "$m_null") MiB/s" \
+  "cat >/dev/null $(mbps "$size" "$m_catnull") MiB/s" \
+  "$(awk -v d="$m_null" -v r="$m_catnull" 'BEGIN { printf "%.2f", r / d }')" "service $((rss / 1024)) MiB" "-"
+table_row "service upload $mib MiB, curl 4 parallel" "$(mbps "$size" "$m_up") MiB/s" \
+  "dd fsync $(mbps "$size" "$m_wr") MiB/s" "$(awk -v u="$m_up" -v w="$m_wr" 'BEGIN { printf "%.2f", w / u }')" \
+  "service $((rss / 1024)) MiB" ">= 0.60"

@@ -27,6 +27,7 @@ if [ -z "${BUS_WRAPPED:-}" ]; then
   exit $status
 fi
 cmake --build "$build" --target lofthaven lofthaven-service lofthaven-bench-window >/dev/null
+. "$root/bench/table.sh"
 work=$(mktemp -d)
 export LANG=C.UTF-8
 mkdir -p "$work/data"
@@ -76,6 +77,12 @@ printf '%-44s %10s ms %12s\n' "launch to first frame (median of $launches)" "$me
 printf '%-44s %11s %% %12s\n' "idle CPU over 10 s" "$cpu" "< 1 %"
 printf '%-44s %10s /s %12s\n' "idle context switches (all threads)" "$wake" "-"
 printf '%-44s %8s MiB %12s\n' "idle resident memory" "$((rss / 1024))" "< 150 MiB"
+per() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+table_row "window: launch to first frame" "$median ms" "limit 1000 ms" "$(per "$median" 1000)" \
+  "-" "<= 1.00"
+table_row "window: idle CPU over 10 s" "$cpu %" "limit 1 %" "$(per "$cpu" 1)" "-" "<= 1.00"
+table_row "window: idle resident memory" "$((rss / 1024)) MiB" "limit 150 MiB" \
+  "$(per "$((rss / 1024))" 150)" "$((rss / 1024)) MiB" "<= 1.00"
 
 if [ "$mib" -gt 0 ]; then
   head -c $((mib * 1024 * 1024)) /dev/urandom >"$work/big.bin"
@@ -102,4 +109,5 @@ if [ "$mib" -gt 0 ]; then
   printf '%-44s %11s s %12s\n' "$mib MiB send, command line (best of 3)" "$cli" "-"
   printf '%-44s %11s s %12s\n' "$mib MiB send, from the window (best of 3)" "$window" "-"
   printf '%-44s %12sx %12s\n' "window throughput / command line" "$ratio" ">= 0.95x"
+  table_row "window: $mib MiB send vs command line" "$window s" "cli $cli s" "$ratio" "-" ">= 0.95"
 fi

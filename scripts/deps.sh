@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   # build
   cmake g++ make pkg-config
-  qt6-base-dev qcoro-qt6-dev libcurl4-openssl-dev zlib1g-dev libarchive-dev
+  qt6-base-dev qcoro-qt6-dev libcurl4-openssl-dev zlib1g-dev libdeflate-dev libarchive-dev
   libcpp-httplib-dev libsqlite3-dev libssl-dev qtkeychain-qt6-dev libqrcodegencpp-dev
   # the window: Qt Quick and its controls, SVG icons and an icon theme
   qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls
@@ -27,6 +27,10 @@ packages=(
 if [ "${1:-}" = "--packaging" ]; then
   packages+=(debhelper dpkg-dev fakeroot lintian desktop-file-utils appstream librsvg2-bin
              debootstrap rsync systemd)
+fi
+if [ "${1:-}" = "--bench" ]; then
+  # bench/all.sh's profiles (perf record) and peak-RSS readings (/usr/bin/time)
+  packages+=(linux-perf time)
 fi
 if [ "${1:-}" = "--with-browser" ]; then
   packages+=(chromium python3-websocket)

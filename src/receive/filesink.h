@@ -43,6 +43,7 @@ public:
 private:
     void failLocked(std::exception_ptr error);
     void closeLocked();
+    void startWritebackLocked();
 
     mutable std::mutex m_lock;
     const QString m_partial;
@@ -51,6 +52,7 @@ private:
     const std::function<void(qint64)> m_onBytes;
     int m_fd = -1;
     qint64 m_written = 0;
+    qint64 m_writebackFrom = 0; // bytes before this were handed to the disk early
     int m_status = 0;
     QByteArray m_errorBody;
     std::exception_ptr m_error;

@@ -13,6 +13,10 @@ namespace lofthaven {
 
 namespace {
 
+// Spill files are written in blocks of this size: few system calls for thousands of small
+// entries, and block-aligned file offsets (parts are multiples of it in practice).
+constexpr qint64 kBlockSize = 1024 * 1024;
+
 // Qt words some write failures (a full disk, a file size limit) as "Unknown error";
 // the system's own words are what the user needs.
 void writeAll(QFile &file, const char *data, qint64 length)
@@ -20,10 +24,9 @@ void writeAll(QFile &file, const char *data, qint64 length)
     errno = 0;
     if (file.write(data, length) != length) {
         const int error = errno;
-        throw AppError(QStringLiteral("Couldn't write part of the archive to ") + file.fileName()
-                       + u": "
-                       + (error ? QString::fromLocal8Bit(std::strerror(error)) : file.errorString())
-                       + u'.');
+        throw AppError(
+            QStringLiteral("Couldn't write part of the archive to ") + file.fileName() + u": " +
+            (error ? QString::fromLocal8Bit(std::strerror(error)) : file.errorString()) + u'.');
     }
 }
 
@@ -38,6 +41,7 @@ PartProducer::PartProducer(SendPlan plan, qint64 partSize, QString spillDir)
         throw AppError(QStringLiteral("The service asked for an invalid part size."));
     if (m_plan.isZip) {
         m_zip = std::make_unique<ZipStream>(m_plan.items);
+        m_block = std::make_unique<char[]>(size_t(kBlockSize));
         if (!QDir().mkpath(m_spillDir))
             throw AppError(u"Can't create the folder " + m_spillDir + u".");
     }
@@ -65,26 +69,12 @@ std::optional<PartPayload> PartProducer::nextSpilled(int partNumber)
         throw AppError(path + u": " + file.errorString());
 
     qint64 written = 0;
-    if (m_carryPos < m_carry.size()) {
-        const qint64 take = std::min<qint64>(m_partSize, m_carry.size() - m_carryPos);
-        writeAll(file, m_carry.constData() + m_carryPos, take);
-        m_carryPos += take;
-        written += take;
-    }
     while (written < m_partSize) {
-        std::optional<QByteArray> chunk = m_zip->next();
-        if (!chunk)
+        const qint64 got = m_zip->read(m_block.get(), std::min(kBlockSize, m_partSize - written));
+        if (got == 0)
             break;
-        const qint64 take = std::min<qint64>(m_partSize - written, chunk->size());
-        writeAll(file, chunk->constData(), take);
-        written += take;
-        // At most one chunk's remainder is held back for the next part.
-        m_carry = std::move(*chunk);
-        m_carryPos = take;
-    }
-    if (m_carryPos >= m_carry.size()) {
-        m_carry.clear();
-        m_carryPos = 0;
+        writeAll(file, m_block.get(), got);
+        written += got;
     }
     file.close();
     if (file.error() != QFileDevice::NoError)
@@ -102,7 +92,7 @@ std::optional<PartPayload> PartProducer::nextSpilled(int partNumber)
 bool PartProducer::isFinished() const
 {
     if (m_zip)
-        return m_carryPos >= m_carry.size() && m_produced == m_plan.size;
+        return m_zip->atEnd() && m_produced == m_plan.size;
     return m_offset == m_plan.size;
 }
 

@@ -39,10 +39,9 @@ private:
     qint64 m_partSize;
     QString m_spillDir;
     std::unique_ptr<ZipStream> m_zip;
-    QByteArray m_carry;       // stream bytes taken but not yet placed in a part
-    qsizetype m_carryPos = 0; // how much of m_carry is already placed
-    qint64 m_offset = 0;      // single file: next byte to hand out
-    qint64 m_produced = 0;    // archive: bytes spilled so far
+    std::unique_ptr<char[]> m_block; // archive: one spill write's worth of stream bytes
+    qint64 m_offset = 0;             // single file: next byte to hand out
+    qint64 m_produced = 0;           // archive: bytes spilled so far
 };
 
 } // namespace lofthaven

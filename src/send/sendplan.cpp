@@ -48,7 +48,10 @@ SendItem makeItem(const QByteArray &path, QString name, const struct stat &st)
 // time and every entry costs at most one fstatat relative to it; symbolic links are never
 // followed (O_NOFOLLOW on every directory we descend into, AT_SYMLINK_NOFOLLOW on every stat).
 // Unreadable folders and entries that vanish meanwhile are passed over silently.
-QList<SendItem> collectFolder(const QByteArray &root, const QString &folder)
+// `found` counts every regular file seen so far in the selection. Past the item limit the
+// items are dropped and the walk only counts (no stat where the directory tells the type),
+// so a million-file folder is refused with its exact count in little memory.
+QList<SendItem> collectFolder(const QByteArray &root, const QString &folder, qsizetype &found)
 {
     QList<SendItem> items;
     QList<QByteArray> pending{QByteArray()}; // paths relative to root
@@ -76,12 +79,20 @@ QList<SendItem> collectFolder(const QByteArray &root, const QString &folder)
             }
             if (isIgnoredName(name))
                 continue;
+            if (found >= kMaxArchiveItems && entry->d_type == DT_REG) {
+                ++found;
+                continue;
+            }
             struct stat st;
             if (::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
                 continue;
             if (S_ISDIR(st.st_mode)) {
                 pending.append(childRel); // file systems that report DT_UNKNOWN
             } else if (S_ISREG(st.st_mode)) {
+                if (++found > kMaxArchiveItems) {
+                    items = QList<SendItem>();
+                    continue;
+                }
                 items.append(makeItem(root + '/' + childRel,
                                       folder + u'/' + QString::fromUtf8(childRel), st));
             }
@@ -125,6 +136,11 @@ QList<SendItem> sortedByName(QList<SendItem> items, const FinderOrder &order)
     return sorted;
 }
 
+AppError tooManyFiles(qsizetype count)
+{
+    return AppError(u"Too many files (" + QString::number(count) + u"). Zip the folder first.");
+}
+
 QString systemError(const QString &path, int error)
 {
     return path + u": " + QString::fromLocal8Bit(std::strerror(error));
@@ -135,6 +151,7 @@ QString systemError(const QString &path, int error)
 SendPlan SendPlan::make(const QList<QString> &paths)
 {
     QList<SendItem> items;
+    qsizetype found = 0;
     const FinderOrder order;
     for (const QString &selected : paths) {
         const QString path = QDir::cleanPath(QFileInfo(selected).absoluteFilePath());
@@ -143,12 +160,19 @@ SendPlan SendPlan::make(const QList<QString> &paths)
         if (::lstat(native.constData(), &st) != 0)
             throw AppError(systemError(path, errno));
         if (S_ISREG(st.st_mode)) {
-            items.append(makeItem(native, QFileInfo(path).fileName(), st));
+            if (++found <= kMaxArchiveItems)
+                items.append(makeItem(native, QFileInfo(path).fileName(), st));
         } else if (S_ISDIR(st.st_mode)) {
-            items.append(sortedByName(collectFolder(native, QFileInfo(path).fileName()), order));
+            QList<SendItem> collected = collectFolder(native, QFileInfo(path).fileName(), found);
+            if (found <= kMaxArchiveItems)
+                items.append(sortedByName(std::move(collected), order));
         }
+        if (found > kMaxArchiveItems)
+            items = QList<SendItem>(); // only the count matters from here on
         // Anything else (a symbolic link, a device, a socket) is skipped without a message.
     }
+    if (found > kMaxArchiveItems)
+        throw tooManyFiles(found);
     return fromItems(std::move(items), paths.size());
 }
 
@@ -169,7 +193,7 @@ SendPlan SendPlan::fromItems(QList<SendItem> items, qsizetype selectionCount)
     if (count == 0)
         throw AppError(QStringLiteral("Nothing to send (empty folder?)."));
     if (count > kMaxArchiveItems)
-        throw AppError(u"Too many files (" + QString::number(count) + u"). Zip the folder first.");
+        throw tooManyFiles(count);
 
     SendPlan plan;
     const bool oneFolder =

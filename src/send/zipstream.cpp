@@ -1,10 +1,10 @@
 #include "send/zipstream.h"
 
 #include "api/apperror.h"
+#include "send/crc32.h"
 
 #include <QtEndian>
 #include <cstring>
-#include <zlib.h>
 
 namespace lofthaven {
 
@@ -133,16 +133,7 @@ std::optional<QByteArray> ZipStream::next()
                 continue;
             }
             QByteArray chunk(std::min(m_remaining, kReadSize), Qt::Uninitialized);
-            const qint64 got = m_file->read(chunk.data(), chunk.size());
-            if (got < 0)
-                throw AppError(m_file->errorString());
-            if (got == 0)
-                throw AppError(m_items.at(m_index).name +
-                               u" changed while sending (it got smaller).");
-            chunk.truncate(got);
-            m_crc = quint32(
-                crc32(m_crc, reinterpret_cast<const Bytef *>(chunk.constData()), uInt(got)));
-            m_remaining -= got;
+            chunk.truncate(readBody(chunk.data(), chunk.size()));
             return chunk;
         }
         case Stage::Descriptor: {
@@ -205,6 +196,47 @@ std::optional<QByteArray> ZipStream::next()
             return std::nullopt;
         }
     }
+}
+
+qint64 ZipStream::readBody(char *data, qint64 maxSize)
+{
+    const qint64 got = m_file->read(data, std::min(m_remaining, maxSize));
+    if (got < 0)
+        throw AppError(m_file->errorString());
+    if (got == 0)
+        throw AppError(m_items.at(m_index).name + u" changed while sending (it got smaller).");
+    m_crc = Crc32::update(m_crc, data, got);
+    m_remaining -= got;
+    return got;
+}
+
+qint64 ZipStream::read(char *data, qint64 maxSize)
+{
+    qint64 filled = 0;
+    while (filled < maxSize) {
+        if (m_pendingPos < m_pending.size()) {
+            const qint64 take = std::min<qint64>(maxSize - filled, m_pending.size() - m_pendingPos);
+            std::memcpy(data + filled, m_pending.constData() + m_pendingPos, size_t(take));
+            m_pendingPos += take;
+            filled += take;
+            continue;
+        }
+        if (m_stage == Stage::Body && m_remaining > 0) {
+            filled += readBody(data + filled, maxSize - filled);
+            continue;
+        }
+        std::optional<QByteArray> record = next();
+        if (!record)
+            break;
+        m_pending = std::move(*record);
+        m_pendingPos = 0;
+    }
+    return filled;
+}
+
+bool ZipStream::atEnd() const
+{
+    return m_stage == Stage::Done && m_pendingPos >= m_pending.size();
 }
 
 } // namespace lofthaven

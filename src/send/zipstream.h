@@ -38,6 +38,14 @@ public:
     // central record or the end record), or nothing once the archive is complete.
     std::optional<QByteArray> next();
 
+    // The same bytes as next(), packed into `data`: file contents are read straight into it,
+    // so a caller that writes big blocks (the spill files) copies each byte once. Fills all of
+    // maxSize unless the archive ends first; returns 0 at the end. Do not mix with next().
+    qint64 read(char *data, qint64 maxSize);
+
+    // Every byte has been handed out.
+    bool atEnd() const;
+
     // Exactly the number of bytes next() produces: 22 + sum(92 + 2 * utf8(name) + size).
     static qint64 predictedSize(const QList<SendItem> &items);
 
@@ -65,6 +73,7 @@ private:
     };
 
     QByteArray localHeader(const QByteArray &name, DosTime time) const;
+    qint64 readBody(char *data, qint64 maxSize);
 
     QList<SendItem> m_items;
     Stage m_stage = Stage::Header;
@@ -78,6 +87,8 @@ private:
     quint32 m_offset = 0;
     quint32 m_centralStart = 0;
     quint32 m_centralSize = 0;
+    QByteArray m_pending; // read(): a record not yet fully copied out
+    qsizetype m_pendingPos = 0;
 };
 
 } // namespace lofthaven

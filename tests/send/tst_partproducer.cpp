@@ -53,6 +53,9 @@ void TestPartProducer::spilledParts_data()
         << QList<qint64>{2500000, 0, 1048576} << qint64(300007) << 12;
     QTest::newRow("part of two chunks exactly")
         << QList<qint64>{2 * 1048576} << qint64(1048576) << 3;
+    // Spill files are written in 1 MiB blocks: parts of several blocks plus a remainder.
+    QTest::newRow("parts of blocks and a remainder")
+        << QList<qint64>{3000000, 17, 1048581} << qint64(2621447) << 2;
 }
 
 void TestPartProducer::spilledParts()
