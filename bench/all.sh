@@ -35,7 +35,7 @@ cmake --build "$build" -j2 --target lofthaven-service lofthaven-bench-send \
   lofthaven-bench-window >/dev/null
 
 if [ $full = 1 ]; then
-  zip_mib=2048 transfer_mib=4096 service_bytes=$((4 << 30)) million=--million window_mib=400
+  zip_mib=2048 transfer_mib=4096 service_bytes=$((4 << 30)) million=--million window_mib=2048
 else
   zip_mib=512 transfer_mib=256 service_bytes=$((512 << 20)) million="" window_mib=0
 fi
