@@ -17,17 +17,6 @@ namespace {
 
 constexpr int kWait = 60000;
 
-QMap<QString, QByteArray> filesBelow(const QString &folder)
-{
-    QMap<QString, QByteArray> files;
-    QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        files.insert(QDir(folder).relativeFilePath(path), readFile(path));
-    }
-    return files;
-}
-
 } // namespace
 
 class TestGuiReceive : public QObject

@@ -2,8 +2,10 @@
 
 #include <QByteArray>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QMap>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QString>
@@ -40,6 +42,18 @@ inline QByteArray readFile(const QString &path)
 }
 
 // A file of `size` bytes without writing them (a hole), for size limits.
+// Every regular file below `folder`, by relative path.
+inline QMap<QString, QByteArray> filesBelow(const QString &folder)
+{
+    QMap<QString, QByteArray> files;
+    QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        files.insert(QDir(folder).relativeFilePath(path), readFile(path));
+    }
+    return files;
+}
+
 inline bool makeSparseFile(const QString &path, qint64 size)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
