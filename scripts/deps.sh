@@ -22,7 +22,7 @@ packages=(
   # fuzzing (scripts/fuzz.sh): clang, its libFuzzer and sanitizer runtimes, llvm-symbolizer
   clang-14 libclang-rt-14-dev llvm-14
   # the window's tests: a virtual display
-  xvfb xauth
+  xvfb xauth xclip
 )
 if [ "${1:-}" = "--packaging" ]; then
   packages+=(debhelper dpkg-dev fakeroot lintian desktop-file-utils appstream librsvg2-bin

@@ -288,6 +288,43 @@ private Q_SLOTS:
         QVERIFY2(first.errors.contains("No files were selected."), first.errors.constData());
     }
 
+    // Started by the file manager with nothing running and no tray: the process serves the
+    // copied link until something else is copied, then ends.
+    void getLinkAloneKeepsTheLinkUntilReplaced()
+    {
+        QVERIFY(
+            writeFile(m_files.filePath(QStringLiteral("alone.pdf")), randomBytes(100 * 1024, 5)));
+        QTemporaryDir home;
+        QProcessEnvironment env = environment();
+        env.insert(QStringLiteral("HOME"), home.path());
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(".config"));
+        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(".local/share"));
+        env.insert(QStringLiteral("XDG_CACHE_HOME"), home.filePath(".cache"));
+        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
+                   QStringLiteral("unix:path=/nonexistent/lofthaven-test-bus"));
+        QProcess alone;
+        alone.setProcessEnvironment(env);
+        alone.setWorkingDirectory(m_files.path());
+        alone.start(QStringLiteral(LOFTHAVEN_PROGRAM),
+                    {QStringLiteral("--get-link"), QStringLiteral("alone.pdf")});
+        QVERIFY(
+            QTest::qWaitFor([&] { return clipboardText().startsWith(m_service.origin()); }, kWait));
+        QTest::qWait(1000);
+        QCOMPARE(alone.state(), QProcess::Running);
+
+        QProcess other;
+        other.start(QStringLiteral("xclip"),
+                    {QStringLiteral("-i"), QStringLiteral("-selection"),
+                     QStringLiteral("clipboard"), QStringLiteral("-loops"), QStringLiteral("1")});
+        other.write("other");
+        other.closeWriteChannel();
+        QVERIFY2(QTest::qWaitFor([&] { return alone.state() == QProcess::NotRunning; }, 15000),
+                 "still running after the clipboard changed hands");
+        QCOMPARE(alone.exitCode(), 0);
+        QCOMPARE(clipboardText(), QStringLiteral("other"));
+        other.waitForFinished(5000);
+    }
+
     void sendToDevicesSignedOut()
     {
         QVERIFY(!model()->signedIn());

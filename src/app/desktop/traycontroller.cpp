@@ -8,6 +8,7 @@
 #include "model/appmodel.h"
 #include "receive/downloadjob.h"
 
+#include <QClipboard>
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QQuickWindow>
@@ -62,6 +63,8 @@ TrayController::TrayController(DesktopShell *shell)
             Qt::QueuedConnection);
     connect(shell->model(), &AppModel::downloadFinished, this, &TrayController::quitIfIdle,
             Qt::QueuedConnection);
+    connect(QGuiApplication::clipboard(), &QClipboard::dataChanged, this,
+            &TrayController::quitIfIdle, Qt::QueuedConnection);
 }
 
 TrayController::~TrayController() = default;
@@ -119,7 +122,9 @@ bool TrayController::transferring() const
 
 void TrayController::quitIfIdle()
 {
-    if (m_icon->isShown() || transferring())
+    // A copied link lives in this process until something else is copied: quitting would
+    // empty the clipboard on desktops without a clipboard manager.
+    if (m_icon->isShown() || transferring() || QGuiApplication::clipboard()->ownsClipboard())
         return;
     const QWindowList windows = QGuiApplication::topLevelWindows();
     const bool open = std::any_of(windows.begin(), windows.end(), [](const QWindow *window) {
