@@ -7,6 +7,7 @@
 #include "platform/preferences.h"
 
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QGuiApplication>
 #include <QQuickWindow>
 #include <QTest>
@@ -34,8 +35,17 @@ int main(int argc, char *argv[])
     QElapsedTimer timer;
     timer.start();
     SendJob *job = model->jobs()->find(model->send());
-    if (!job || !QTest::qWaitFor([job] { return !job->isActive(); }, 3600000) ||
-        job->state() != SendJob::State::Done) {
+    // The application's own event loop, as in the window: QTest::qWaitFor sleeps 10 ms between
+    // passes and would hold the send back.
+    if (job && job->isActive()) {
+        QEventLoop loop;
+        QObject::connect(job, &SendJob::stateChanged, &loop, [job, &loop] {
+            if (!job->isActive())
+                loop.quit();
+        });
+        loop.exec();
+    }
+    if (!job || job->state() != SendJob::State::Done) {
         std::fprintf(stderr, "send failed: %s\n", job ? qPrintable(job->message()) : "not started");
         return 1;
     }
