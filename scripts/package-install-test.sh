@@ -68,6 +68,15 @@ service_pid=$!
 sleep 1
 step "lofthaven --selftest against the installed service" \
   in_root /usr/bin/env LOFTHAVEN_ORIGIN="http://127.0.0.1:$port" /usr/bin/lofthaven --selftest
+# The window's screens load from the installed QML modules (shlibs cannot see those): still
+# running after 8 s on the offscreen platform means the screens loaded.
+window_stays() {
+  local code=0
+  in_root /usr/bin/env QT_QPA_PLATFORM=offscreen XDG_RUNTIME_DIR=/tmp \
+    LOFTHAVEN_ORIGIN="http://127.0.0.1:$port" timeout 8 /usr/bin/lofthaven --show || code=$?
+  [ "$code" -eq 124 ]
+}
+step "the window loads its screens" window_stays
 kill "$service_pid" 2>/dev/null || true
 wait "$service_pid" 2>/dev/null || true
 service_pid=""
