@@ -2,9 +2,9 @@
 #include "api/httptransport.h"
 #include "api/serviceorigin.h"
 #include "app/commandline.h"
-#include "app/desktop/desktopshell.h"
 #include "app/onlineselftest.h"
 #include "app/selftest.h"
+#include "app/windowmodule.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -91,7 +91,7 @@ int main(int argc, char *argv[])
     // display.
     if (parseArguments(rawArguments).mode == Mode::Desktop &&
         !isCommandLineInvocation(rawArguments))
-        return runDesktop(argc, argv);
+        return runWindowModule(argc, argv);
 
     QCoreApplication app(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Lofthaven"));
