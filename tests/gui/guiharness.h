@@ -3,8 +3,10 @@
 // Driving the real window in tests: the private HOME, the application object on a real
 // display (Xvfb), items found by objectName, clicks and drops as the window receives them, and
 // screenshots of each state when LOFTHAVEN_SCREENSHOTS names a folder.
+#include "api/serviceorigin.h"
 #include "app/desktop/desktopshell.h"
 #include "isolatedhome.h"
+#include "localservice.h"
 #include "platform/preferences.h"
 
 #include <QClipboard>
@@ -16,7 +18,10 @@
 #include <QProcess>
 #include <QQuickItem>
 #include <QQuickWindow>
+#include <QTemporaryDir>
 #include <QTest>
+
+#include <memory>
 
 namespace lofthaven::testing {
 
@@ -167,6 +172,40 @@ inline void screenshot(QQuickWindow *window, const QString &name)
     window->grabWindow().save(
         QDir(folder).filePath(name + QLatin1Char('-') + theme + QStringLiteral(".png")));
 }
+
+// The real window over the real model, against a local service of its own: what every window
+// test holds and how it starts.
+class WindowTest : public QObject
+{
+protected:
+    explicit WindowTest(LocalService::Options options = {64 * 1024, {}})
+        : m_service(std::move(options))
+    {}
+
+    // The service up and the shell's origin pointed at it.
+    bool startService()
+    {
+        if (!m_service.start())
+            return false;
+        ServiceOrigin::setUrl(m_service.origin());
+        return true;
+    }
+    // The window built and on screen.
+    bool openWindow()
+    {
+        m_shell = std::make_unique<DesktopShell>();
+        if (!m_shell->open())
+            return false;
+        m_window = m_shell->window();
+        return m_window && QTest::qWaitForWindowExposed(m_window);
+    }
+    QQuickItem *item(const QString &name) { return findItem(m_window, name); }
+
+    LocalService m_service;
+    QTemporaryDir m_files;
+    std::unique_ptr<DesktopShell> m_shell;
+    QQuickWindow *m_window = nullptr;
+};
 
 } // namespace lofthaven::testing
 

@@ -17,30 +17,23 @@ namespace {
 constexpr int kWait = 60000;
 }
 
-class TestGuiAccount : public QObject
+class TestGuiAccount : public WindowTest
 {
     Q_OBJECT
 
-    LocalService m_service{
-        {64 * 1024, {QStringLiteral("--device-interval"), QStringLiteral("0.2")}}};
-    QTemporaryDir m_files;
-    std::unique_ptr<DesktopShell> m_shell;
-    QQuickWindow *m_window = nullptr;
-
-    QQuickItem *item(const QString &name) { return findItem(m_window, name); }
+public:
+    TestGuiAccount()
+        : WindowTest({64 * 1024, {QStringLiteral("--device-interval"), QStringLiteral("0.2")}})
+    {}
 
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY2(m_service.start(), qPrintable(m_service.error()));
-        ServiceOrigin::setUrl(m_service.origin());
+        QVERIFY2(startService(), qPrintable(m_service.error()));
         QVERIFY(writeFile(
             m_service.dataDir() + QStringLiteral("/desktop.json"),
             R"({"version":"99.0","notes":"Faster.","linux":"lofthaven_99.0_amd64.deb"})"));
-        m_shell = std::make_unique<DesktopShell>();
-        QVERIFY(m_shell->open());
-        m_window = m_shell->window();
-        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+        QVERIFY(openWindow());
     }
 
     void cleanupTestCase() { m_shell.reset(); }

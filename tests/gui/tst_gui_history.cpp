@@ -15,16 +15,9 @@ namespace {
 constexpr int kWait = 60000;
 }
 
-class TestGuiHistory : public QObject
+class TestGuiHistory : public WindowTest
 {
     Q_OBJECT
-
-    LocalService m_service{{64 * 1024, {}}};
-    QTemporaryDir m_files;
-    std::unique_ptr<DesktopShell> m_shell;
-    QQuickWindow *m_window = nullptr;
-
-    QQuickItem *item(const QString &name) { return findItem(m_window, name); }
 
     // The newest history row is the one just sent.
     QString sendFile(const QString &name)
@@ -42,12 +35,8 @@ class TestGuiHistory : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY2(m_service.start(), qPrintable(m_service.error()));
-        ServiceOrigin::setUrl(m_service.origin());
-        m_shell = std::make_unique<DesktopShell>();
-        QVERIFY(m_shell->open());
-        m_window = m_shell->window();
-        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+        QVERIFY2(startService(), qPrintable(m_service.error()));
+        QVERIFY(openWindow());
         QVERIFY(click(item(QStringLiteral("historyTab"))));
         QTRY_VERIFY(item(QStringLiteral("historyEmpty")));
         screenshot(m_window, QStringLiteral("history-empty"));

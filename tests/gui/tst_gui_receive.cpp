@@ -19,16 +19,9 @@ constexpr int kWait = 60000;
 
 } // namespace
 
-class TestGuiReceive : public QObject
+class TestGuiReceive : public WindowTest
 {
     Q_OBJECT
-
-    LocalService m_service{{64 * 1024, {}}};
-    QTemporaryDir m_files;
-    std::unique_ptr<DesktopShell> m_shell;
-    QQuickWindow *m_window = nullptr;
-
-    QQuickItem *item(const QString &name) { return findItem(m_window, name); }
 
     // Sends through the model's own operations (the send screen has its own test) and
     // answers the code.
@@ -51,12 +44,8 @@ class TestGuiReceive : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY2(m_service.start(), qPrintable(m_service.error()));
-        ServiceOrigin::setUrl(m_service.origin());
-        m_shell = std::make_unique<DesktopShell>();
-        QVERIFY(m_shell->open());
-        m_window = m_shell->window();
-        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+        QVERIFY2(startService(), qPrintable(m_service.error()));
+        QVERIFY(openWindow());
     }
 
     void cleanupTestCase() { m_shell.reset(); }

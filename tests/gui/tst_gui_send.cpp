@@ -17,16 +17,9 @@ namespace {
 constexpr int kWait = 60000;
 }
 
-class TestGuiSend : public QObject
+class TestGuiSend : public WindowTest
 {
     Q_OBJECT
-
-    LocalService m_service{{64 * 1024, {}}};
-    QTemporaryDir m_files;
-    std::unique_ptr<DesktopShell> m_shell;
-    QQuickWindow *m_window = nullptr;
-
-    QQuickItem *item(const QString &name) { return findItem(m_window, name); }
 
     QString makeFolder(const QString &name, qsizetype bigSize)
     {
@@ -49,13 +42,8 @@ class TestGuiSend : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY2(m_service.start(), qPrintable(m_service.error()));
-        ServiceOrigin::setUrl(m_service.origin());
-        m_shell = std::make_unique<DesktopShell>();
-        QVERIFY(m_shell->open());
-        m_window = m_shell->window();
-        QVERIFY(m_window);
-        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+        QVERIFY2(startService(), qPrintable(m_service.error()));
+        QVERIFY(openWindow());
     }
 
     void cleanupTestCase() { m_shell.reset(); }

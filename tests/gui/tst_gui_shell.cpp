@@ -56,6 +56,20 @@ class TestGuiShell : public QObject
         return env;
     }
 
+    // Another user session: its own home, and no bus unless one is given (the local socket).
+    QProcessEnvironment sessionOf(const QTemporaryDir &home, const QString &bus = {}) const
+    {
+        QProcessEnvironment env = environment();
+        env.insert(QStringLiteral("HOME"), home.path());
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(".config"));
+        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(".local/share"));
+        env.insert(QStringLiteral("XDG_CACHE_HOME"), home.filePath(".cache"));
+        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
+                   bus.isEmpty() ? QStringLiteral("unix:path=/nonexistent/lofthaven-test-bus")
+                                 : bus);
+        return env;
+    }
+
     // Runs the program while this process keeps answering (the event loop runs).
     static Finished run(QProcess &process, const QStringList &arguments)
     {
@@ -278,10 +292,7 @@ private Q_SLOTS:
         // With no instance to hand it to, the program says so itself and fails.
         QTemporaryDir otherHome;
         QProcess alone;
-        QProcessEnvironment env = environment();
-        env.insert(QStringLiteral("HOME"), otherHome.path());
-        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
-                   QStringLiteral("unix:path=/nonexistent/lofthaven-test-bus"));
+        const QProcessEnvironment env = sessionOf(otherHome);
         alone.setProcessEnvironment(env);
         const Finished first = run(alone, {"--get-link", m_files.filePath("missing.pdf")});
         QCOMPARE(first.exitCode, 1);
@@ -295,13 +306,7 @@ private Q_SLOTS:
         QVERIFY(
             writeFile(m_files.filePath(QStringLiteral("alone.pdf")), randomBytes(100 * 1024, 5)));
         QTemporaryDir home;
-        QProcessEnvironment env = environment();
-        env.insert(QStringLiteral("HOME"), home.path());
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(".config"));
-        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(".local/share"));
-        env.insert(QStringLiteral("XDG_CACHE_HOME"), home.filePath(".cache"));
-        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
-                   QStringLiteral("unix:path=/nonexistent/lofthaven-test-bus"));
+        const QProcessEnvironment env = sessionOf(home);
         QProcess alone;
         alone.setProcessEnvironment(env);
         alone.setWorkingDirectory(m_files.path());
@@ -438,24 +443,17 @@ private Q_SLOTS:
     {
         QFETCH(bool, bus);
         QTemporaryDir home;
-        QProcessEnvironment env = environment();
-        env.insert(QStringLiteral("HOME"), home.path());
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(".config"));
-        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(".local/share"));
-        env.insert(QStringLiteral("XDG_CACHE_HOME"), home.filePath(".cache"));
         QProcess daemon;
+        QString address;
         if (bus) {
             daemon.start(QStringLiteral("dbus-daemon"),
                          {QStringLiteral("--config-file=" LOFTHAVEN_SOURCE_DIR
                                          "/tests/support/bare-session-bus.conf"),
                           QStringLiteral("--print-address=1"), QStringLiteral("--nofork")});
             QVERIFY(QTest::qWaitFor([&] { return daemon.canReadLine(); }, 10000));
-            env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
-                       QString::fromUtf8(daemon.readLine()).trimmed());
-        } else {
-            env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
-                       QStringLiteral("unix:path=/nonexistent/lofthaven-test-bus"));
+            address = QString::fromUtf8(daemon.readLine()).trimmed();
         }
+        const QProcessEnvironment env = sessionOf(home, address);
 
         QProcess first;
         QProcess second;
