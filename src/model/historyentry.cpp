@@ -128,4 +128,17 @@ HistoryEntry HistoryEntry::fromUpload(const UploadResult &result, const SendPlan
     return entry;
 }
 
+QList<HistoryEntry> unexpiredEntries(const QList<HistoryEntry> &history, double nowMs,
+                                     qsizetype limit)
+{
+    QList<HistoryEntry> kept;
+    for (const HistoryEntry &entry : history) {
+        if (kept.size() == limit)
+            break;
+        if (entry.expiresAt >= nowMs)
+            kept.append(entry);
+    }
+    return kept;
+}
+
 } // namespace lofthaven

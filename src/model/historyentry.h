@@ -5,6 +5,7 @@
 #include "send/uploader.h"
 
 #include <QJsonObject>
+#include <QList>
 #include <QString>
 
 #include <optional>
@@ -43,5 +44,10 @@ struct HistoryEntry
 
     bool operator==(const HistoryEntry &) const = default;
 };
+
+// The first `limit` entries, in history order, not expired at `nowMs` (milliseconds since 1970);
+// an entry expiring exactly now still counts.
+QList<HistoryEntry> unexpiredEntries(const QList<HistoryEntry> &history, double nowMs,
+                                     qsizetype limit);
 
 } // namespace lofthaven

@@ -112,12 +112,9 @@ bool TrayController::transferring() const
     AppModel *model = m_shell->model();
     if (model->jobs()->activeCount() > 0)
         return true;
-    const DownloadList *downloads = model->downloads();
-    for (int row = 0; row < downloads->rowCount(); ++row) {
-        if (downloads->data(downloads->index(row), DownloadList::ActiveRole).toBool())
-            return true;
-    }
-    return false;
+    const QList<DownloadJob *> downloads = model->downloads()->jobs();
+    return std::any_of(downloads.cbegin(), downloads.cend(),
+                       [](const DownloadJob *job) { return job->isActive(); });
 }
 
 void TrayController::quitIfIdle()

@@ -30,16 +30,12 @@ TrayPanel::TrayPanel(AppModel *model, QQmlEngine *engine, QObject *parent)
 
 void TrayPanel::updateRecent()
 {
-    const double nowSeconds = double(m_model->now().toSecsSinceEpoch());
     QVariantList recent;
-    for (const HistoryEntry &entry : m_model->history()->entries()) {
-        if (recent.size() == kRecentEntries)
-            break;
-        if (entry.expiresAt / 1000 < nowSeconds)
-            continue;
+    for (const HistoryEntry &entry :
+         unexpiredEntries(m_model->history()->entries(), double(m_model->now().toMSecsSinceEpoch()),
+                          kRecentEntries))
         recent.append(
             QVariantMap{{QStringLiteral("name"), entry.name}, {QStringLiteral("url"), entry.url}});
-    }
     if (recent == m_recent)
         return;
     m_recent = recent;
