@@ -102,6 +102,14 @@ bool DesktopShell::open(bool showWindow)
     return true;
 }
 
+void DesktopShell::chooseFilesToSend()
+{
+    m_model->setTab(AppModel::Tab::Send);
+    showWindow();
+    if (QQuickWindow *shown = window())
+        QMetaObject::invokeMethod(shown, "chooseFiles", Qt::QueuedConnection);
+}
+
 void DesktopShell::notificationAnswered(const NotificationEvent &event)
 {
     if (event.kind != NotificationEvent::Kind::Action)
@@ -146,10 +154,7 @@ void DesktopShell::handleRequest(const LaunchRequest &request)
     case LaunchRequest::Tab::None:
         break;
     case LaunchRequest::Tab::SendFiles:
-        m_model->setTab(AppModel::Tab::Send);
-        showWindow();
-        if (QQuickWindow *shown = window())
-            QMetaObject::invokeMethod(shown, "chooseFiles", Qt::QueuedConnection);
+        chooseFilesToSend();
         break;
     case LaunchRequest::Tab::Receive:
         m_model->setTab(AppModel::Tab::Receive);

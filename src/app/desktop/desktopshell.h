@@ -50,6 +50,8 @@ public:
                      SendJob::Origin origin = SendJob::Origin::Service);
     // Shows the window (created hidden in the background) and brings it forward.
     void showWindow();
+    // "Send Files…": the send tab, then the file chooser.
+    void chooseFilesToSend();
 
     AppModel *model() const { return m_model; }
     ThemeWatcher *theme() const { return m_theme; }

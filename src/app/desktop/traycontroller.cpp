@@ -28,11 +28,7 @@ TrayController::TrayController(DesktopShell *shell)
     connect(m_panel, &TrayPanel::devicesNeedSignIn, this, [this](const QStringList &paths) {
         m_shell->serviceSend(paths, true, SendJob::Origin::MenuBar);
     });
-    connect(m_icon, &TrayIcon::sendFilesRequested, this, [this] {
-        showWindow(int(AppModel::Tab::Send));
-        if (QQuickWindow *window = m_shell->window())
-            QMetaObject::invokeMethod(window, "chooseFiles");
-    });
+    connect(m_icon, &TrayIcon::sendFilesRequested, shell, &DesktopShell::chooseFilesToSend);
     connect(m_icon, &TrayIcon::receiveRequested, this,
             [this] { showWindow(int(AppModel::Tab::Receive)); });
     connect(m_icon, &TrayIcon::devicesRequested, this,
