@@ -327,7 +327,11 @@ QString collapseDoubledFolder(const QString &target)
     if (entries.size() != 1 || entries.first() != targetInfo.fileName())
         return target;
 
+    // Only a folder doubles the folder: a lone file of the same name stays inside it.
     const QString inner = targetDir.filePath(entries.first());
+    const QFileInfo innerInfo(inner);
+    if (!innerInfo.isDir() || innerInfo.isSymLink())
+        return target;
     const QString hop =
         targetInfo.dir().filePath(kTempPrefix + QUuid::createUuid().toString(QUuid::WithoutBraces));
     if (renameNoReplace(inner, hop) != 0)

@@ -53,6 +53,7 @@ STORED = {
     "doubled": [("Trip/", None), ("Trip/day1.txt", b"sunny\n"),  # Trip.zip -> Trip/...
                 ("Trip/maps/", None), ("Trip/maps/route.gpx", b"<gpx/>\n")],
     "notdoubled": [("Other/", None), ("Other/x.txt", b"x\n")],
+    "lonefile": [("Trip", b"just a file\n")],  # Trip.zip -> Trip/Trip, a file, not a folder
     "unicode": [("bé ✓.bin", b"\x00\x01\x02unicode"), ("dossier été/ü.txt", b"u\n")],
     "macos": [("Trip/", None), ("Trip/a.txt", b"a\n"), ("__MACOSX/", None),
               ("__MACOSX/Trip/._a.txt", b"\x00\x05\x16\x07junk"),

@@ -137,6 +137,8 @@ void TestUnzipInPlace::extracts_data()
         {{u"day1.txt"_s, "sunny\n"}, {u"maps"_s, kDir}, {u"maps/route.gpx"_s, "<gpx/>\n"}});
     row("different top folder kept", u"notdoubled"_s, u"Trip.zip"_s, u"Trip"_s,
         {{u"Other"_s, kDir}, {u"Other/x.txt"_s, "x\n"}});
+    row("a lone file named like the archive stays in its folder", u"lonefile"_s, u"Trip.zip"_s,
+        u"Trip"_s, {{u"Trip"_s, "just a file\n"}});
     row("macOS metadata skipped", u"macos"_s, u"Trip.zip"_s, u"Trip"_s, {{u"a.txt"_s, "a\n"}});
     row("last extension only", u"stored"_s, u"x.tar.zip"_s, u"x.tar"_s, stored);
     row("non-ASCII archive name", u"stored"_s, u"Été ✓.zip"_s, u"Été ✓"_s, stored);
