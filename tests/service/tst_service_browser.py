@@ -67,7 +67,13 @@ class Browser:
     def wait_for(self, expression, timeout=15):
         deadline = time.monotonic() + timeout
         while time.monotonic() < deadline:
-            value = self.evaluate(expression)
+            try:
+                value = self.evaluate(expression)
+            except RuntimeError as error:
+                # A form submit replaces the page; evaluating mid-navigation fails until it lands.
+                if "navigated" not in str(error) and "context" not in str(error):
+                    raise
+                value = None
             if value:
                 return value
             time.sleep(0.1)
