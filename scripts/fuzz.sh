@@ -5,7 +5,8 @@
 # Inputs that once crashed a target live in tests/fuzz/crashes/TARGET and are replayed first.
 # A new crash is copied there and the run fails: fix the code and commit the input with the
 # fix, so it stays a test case. Seeds come from tests/fuzz/corpus/TARGET (read only); what a
-# run learns is kept in the build folder.
+# run learns is kept in the build folder. FUZZ_SEED fixes libFuzzer's seed (the test suite's
+# short run uses one, so a clean checkout explores the same inputs every time).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
@@ -47,6 +48,7 @@ for t in "${targets[@]}"; do
 
   dict=()
   [ -f "tests/fuzz/$t.dict" ] && dict=(-dict="tests/fuzz/$t.dict")
+  [ -n "${FUZZ_SEED:-}" ] && dict+=(-seed="$FUZZ_SEED")
   if "$fuzzer" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -max_len=8192 \
     -print_final_stats=1 -artifact_prefix="$artifacts/" "${dict[@]}" "$work" "$seeds" \
     >"$log" 2>&1; then
