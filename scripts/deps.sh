@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   # build
   cmake g++ make pkg-config
-  qt6-base-dev qcoro-qt6-dev libcurl4-openssl-dev zlib1g-dev libdeflate-dev libarchive-dev
+  qt6-base-dev qcoro-qt6-dev libcurl4-openssl-dev zlib1g-dev libdeflate-dev libxcb1-dev libarchive-dev
   libcpp-httplib-dev libsqlite3-dev libssl-dev qtkeychain-qt6-dev libqrcodegencpp-dev
   # the window: Qt Quick and its controls, SVG icons and an icon theme
   qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls

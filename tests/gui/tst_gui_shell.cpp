@@ -18,6 +18,10 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
+#include <xcb/xcb.h>
+
+#include <cstdlib>
+
 using namespace lofthaven;
 using namespace lofthaven::testing;
 
@@ -31,6 +35,56 @@ struct Finished
     int exitCode = -1;
     qint64 ms = 0;
     QByteArray errors;
+};
+
+// Collects the startup-notification messages broadcast on the root window, as a launcher's
+// monitor does: pieces of 20 bytes, the first of type _NET_STARTUP_INFO_BEGIN, up to a NUL.
+class StartupMessages
+{
+    xcb_connection_t *m_connection = xcb_connect(nullptr, nullptr);
+    xcb_atom_t m_begin = atom("_NET_STARTUP_INFO_BEGIN");
+    xcb_atom_t m_more = atom("_NET_STARTUP_INFO");
+    QByteArray m_partial;
+
+    xcb_atom_t atom(const char *name) const
+    {
+        xcb_intern_atom_reply_t *reply = xcb_intern_atom_reply(
+            m_connection, xcb_intern_atom(m_connection, 0, uint16_t(qstrlen(name)), name), nullptr);
+        const xcb_atom_t found = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
+        std::free(reply);
+        return found;
+    }
+
+public:
+    QList<QByteArray> received;
+
+    StartupMessages()
+    {
+        const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
+        const uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
+        xcb_change_window_attributes(m_connection, root, XCB_CW_EVENT_MASK, &mask);
+        xcb_flush(m_connection);
+    }
+    ~StartupMessages() { xcb_disconnect(m_connection); }
+
+    void read()
+    {
+        while (xcb_generic_event_t *event = xcb_poll_for_event(m_connection)) {
+            if ((event->response_type & 0x7F) == XCB_CLIENT_MESSAGE) {
+                const auto *message = reinterpret_cast<xcb_client_message_event_t *>(event);
+                if (message->type == m_begin)
+                    m_partial.clear();
+                if (message->type == m_begin || message->type == m_more) {
+                    const QByteArray piece(reinterpret_cast<const char *>(message->data.data8), 20);
+                    const qsizetype end = piece.indexOf('\0');
+                    m_partial += piece.left(end < 0 ? 20 : end);
+                    if (end >= 0)
+                        received.append(std::exchange(m_partial, {}));
+                }
+            }
+            std::free(event);
+        }
+    }
 };
 
 } // namespace
@@ -429,6 +483,37 @@ private Q_SLOTS:
         }
         QCOMPARE(model()->tab(), tab);
         QCOMPARE(m_shell->window()->isVisible(), shown);
+    }
+
+    // A start from a launcher hands its startup id over; the running instance ends the launch,
+    // so the launcher's busy cursor stops at once instead of timing out.
+    void launchFeedbackEnds_data()
+    {
+        QTest::addColumn<QString>("startupId");
+        QTest::addColumn<QByteArray>("message");
+        QTest::newRow("plain") << QStringLiteral("gnome-shell-1234-host-lofthaven-1_TIME42")
+                               << QByteArray("remove: ID=gnome-shell-1234-host-lofthaven-1_TIME42");
+        QTest::newRow("escaped") << QStringLiteral("launcher \"a b\"\\c_TIME7")
+                                 << QByteArray("remove: ID=launcher\\ \\\"a\\ b\\\"\\\\c_TIME7");
+    }
+    void launchFeedbackEnds()
+    {
+        QFETCH(QString, startupId);
+        QFETCH(QByteArray, message);
+        StartupMessages messages;
+        QProcess second;
+        QProcessEnvironment env = environment();
+        env.insert(QStringLiteral("DESKTOP_STARTUP_ID"), startupId);
+        second.setProcessEnvironment(env);
+        const Finished handed = run(second, {QStringLiteral("--receive")});
+        QVERIFY2(handed.exitCode == 0, handed.errors.constData());
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                messages.read();
+                return messages.received.contains(message);
+            },
+            10000));
+        QCOMPARE(model()->tab(), AppModel::Tab::Receive);
     }
 
     // Two programs started at the same moment, with and without a session bus: one stays, the

@@ -6,6 +6,7 @@
 #include "api/serviceorigin.h"
 #include "app/desktop/desktopbridge.h"
 #include "app/desktop/launcherbadge.h"
+#include "app/desktop/launchfeedback.h"
 #include "app/desktop/launchrequest.h"
 #include "app/desktop/qrimageprovider.h"
 #include "app/desktop/singleinstance.h"
@@ -164,6 +165,9 @@ void DesktopShell::handleRequest(const LaunchRequest &request)
         serviceSend(send.files, send.toDevices);
     if (request.showsWindow())
         showWindow();
+    if (!request.launchFeedback().isEmpty())
+        LaunchFeedback::complete(request.launchFeedback(),
+                                 request.showsWindow() ? window() : nullptr);
 }
 
 void DesktopShell::openUrls(const QList<QUrl> &urls)
@@ -262,10 +266,14 @@ int runDesktop(int &argc, char **argv)
 {
     // Paths are made absolute here: the running instance has its own working directory.
     const LaunchRequest request = LaunchRequest::parse(rawArguments(argc, argv), QDir::current());
+    // Read before Qt takes the startup id from the environment for its own first window.
+    const QString launchFeedback = LaunchFeedback::fromEnvironment();
+    LaunchRequest handedOver = request;
+    handedOver.setLaunchFeedback(launchFeedback);
     {
         // Handing over needs neither a display nor the window's start-up.
         QCoreApplication probe(argc, argv);
-        if (SingleInstance::forward(request.toArguments()))
+        if (SingleInstance::forward(handedOver.toArguments()))
             return 0;
     }
     if (lacksReadableFiles(request)) {
@@ -295,7 +303,7 @@ int runDesktop(int &argc, char **argv)
     // Of two processes started together, the one that lost the claim hands over to the winner.
     SingleInstance instance;
     if (instance.claim() == SingleInstance::Claim::Taken) {
-        if (SingleInstance::forward(request.toArguments()))
+        if (SingleInstance::forward(handedOver.toArguments()))
             return 0;
         std::fputs("lofthaven: another Lofthaven is running but did not answer.\n", stderr);
         return 1;
@@ -323,6 +331,9 @@ int runDesktop(int &argc, char **argv)
                 Qt::DirectConnection);
         }
         shell.handleRequest(request);
+        // Qt ends the launch when it shows the first window; started into the tray, we do.
+        if (!request.showsWindow())
+            LaunchFeedback::complete(launchFeedback, nullptr);
         instance.setHandler([&shell](const QStringList &arguments) {
             shell.handleRequest(LaunchRequest::parse(arguments, QDir::root()));
         });

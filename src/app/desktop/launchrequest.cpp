@@ -14,6 +14,8 @@ const QString kReceive = QStringLiteral("--receive");
 const QString kGetLink = QStringLiteral("--get-link");
 const QString kSendToDevices = QStringLiteral("--send-to-devices");
 const QString kOrigin = QStringLiteral("--origin");
+// Only ever written by a second start for the running instance.
+const QString kLaunchFeedback = QStringLiteral("--launch-feedback=");
 
 QString absolutePath(const QString &given, const QDir &workingDirectory)
 {
@@ -53,6 +55,10 @@ LaunchRequest LaunchRequest::parse(const QStringList &arguments, const QDir &wor
         }
         if (argument.startsWith(QString(kOrigin + u'=')))
             continue;
+        if (argument.startsWith(kLaunchFeedback)) {
+            request.m_launchFeedback = argument.mid(kLaunchFeedback.size());
+            continue;
+        }
         if (argument == kGetLink || argument == kSendToDevices) {
             request.m_services.append(ServiceSend{argument == kSendToDevices, {}});
             collectingFiles = true;
@@ -83,6 +89,8 @@ LaunchRequest LaunchRequest::parse(const QStringList &arguments, const QDir &wor
 QStringList LaunchRequest::toArguments() const
 {
     QStringList arguments;
+    if (!m_launchFeedback.isEmpty())
+        arguments << kLaunchFeedback + m_launchFeedback;
     if (m_background)
         arguments << kBackground;
     if (m_show)

@@ -47,12 +47,18 @@ public:
     // A request without anything to open or send (a plain `lofthaven`) shows the window too.
     bool showsWindow() const;
 
+    // What the launcher gave the process it started (see LaunchFeedback), handed on with the
+    // request so that the running instance can finish the launch.
+    const QString &launchFeedback() const { return m_launchFeedback; }
+    void setLaunchFeedback(const QString &token) { m_launchFeedback = token; }
+
 private:
     bool m_background = false;
     bool m_show = false;
     Tab m_tab = Tab::None;
     QStringList m_open;
     QList<ServiceSend> m_services;
+    QString m_launchFeedback;
 };
 
 } // namespace lofthaven
