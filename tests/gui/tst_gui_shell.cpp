@@ -14,12 +14,16 @@
 #include "testdata.h"
 
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusPendingCall>
+#include <QDBusReply>
 #include <QElapsedTimer>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
 #include <xcb/xcb.h>
 
+#include <csignal>
 #include <cstdlib>
 
 using namespace lofthaven;
@@ -122,6 +126,20 @@ class TestGuiShell : public QObject
                    bus.isEmpty() ? QStringLiteral("unix:path=/nonexistent/lofthaven-test-bus")
                                  : bus);
         return env;
+    }
+
+    // A private session bus; its address, or an empty string when it did not start.
+    static QString
+    startBus(QProcess &daemon, const QString &config,
+             const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
+    {
+        daemon.setProcessEnvironment(env);
+        daemon.start(QStringLiteral("dbus-daemon"),
+                     {QStringLiteral("--config-file=") + config,
+                      QStringLiteral("--print-address=1"), QStringLiteral("--nofork")});
+        if (!QTest::qWaitFor([&] { return daemon.canReadLine(); }, 10000))
+            return {};
+        return QString::fromUtf8(daemon.readLine()).trimmed();
     }
 
     // Runs the program while this process keeps answering (the event loop runs).
@@ -516,6 +534,97 @@ private Q_SLOTS:
         QCOMPARE(model()->tab(), AppModel::Tab::Receive);
     }
 
+    // Launchers reach the running instance through org.freedesktop.Application.
+    void applicationInterface_data()
+    {
+        QTest::addColumn<QString>("method");
+        QTest::addColumn<QVariantList>("arguments");
+        QTest::addColumn<AppModel::Tab>("tab");
+        QTest::addColumn<QStringList>("staged");
+        QTest::addColumn<bool>("shown");
+        const QString a = m_files.filePath(QStringLiteral("a.txt"));
+        const QVariantMap token{{QStringLiteral("desktop-startup-id"), QStringLiteral("x_TIME1")}};
+        QTest::newRow("activate") << QStringLiteral("Activate") << QVariantList{token}
+                                  << AppModel::Tab::History << QStringList() << true;
+        QTest::newRow("open a file and the devices link")
+            << QStringLiteral("Open")
+            << QVariantList{QStringList{QUrl::fromLocalFile(a).toString(), "lofthaven://devices"},
+                            QVariantMap()}
+            << AppModel::Tab::Devices << QStringList{a} << true;
+        QTest::newRow("open: relative names and other schemes are not taken")
+            << QStringLiteral("Open")
+            << QVariantList{QStringList{"a.txt", "https://example.com/"}, QVariantMap()}
+            << AppModel::Tab::History << QStringList() << false;
+        QTest::newRow("the receive action")
+            << QStringLiteral("ActivateAction") << QVariantList{"receive", QVariantList(), token}
+            << AppModel::Tab::Receive << QStringList() << true;
+        QTest::newRow("an action we do not have")
+            << QStringLiteral("ActivateAction")
+            << QVariantList{"quit", QVariantList(), QVariantMap()} << AppModel::Tab::History
+            << QStringList() << false;
+    }
+    void applicationInterface()
+    {
+        QFETCH(QString, method);
+        QFETCH(QVariantList, arguments);
+        QFETCH(AppModel::Tab, tab);
+        QFETCH(QStringList, staged);
+        QFETCH(bool, shown);
+        model()->clearStaged();
+        model()->setTab(AppModel::Tab::History);
+        m_shell->window()->hide();
+
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            QStringLiteral("org.lofthaven.Lofthaven"), QStringLiteral("/org/lofthaven/Lofthaven"),
+            QStringLiteral("org.freedesktop.Application"), method);
+        call.setArguments(arguments);
+        // From another connection, answered by this process's event loop.
+        QDBusPendingCall pending = m_serverBus.asyncCall(call);
+        QVERIFY(QTest::qWaitFor([&] { return pending.isFinished(); }, kWait));
+        QVERIFY2(!pending.isError(), qPrintable(pending.error().message()));
+        QCOMPARE(model()->tab(), tab);
+        QCOMPARE(model()->staged(), staged);
+        QCOMPARE(m_shell->window()->isVisible(), shown);
+    }
+
+    // With nothing running, the desktop entry's Activate starts Lofthaven through the bus (the
+    // packaged D-Bus service file), which then answers the call.
+    void startedByTheBus()
+    {
+        QTemporaryDir home;
+        QFile config(home.filePath(QStringLiteral("bus.conf")));
+        QFile bare(QStringLiteral(LOFTHAVEN_SOURCE_DIR "/tests/support/bare-session-bus.conf"));
+        QVERIFY(bare.open(QIODevice::ReadOnly) && config.open(QIODevice::WriteOnly));
+        config.write(bare.readAll().replace("</busconfig>",
+                                            "  <servicedir>" LOFTHAVEN_TEST_DBUS_SERVICES
+                                            "</servicedir>\n</busconfig>"));
+        config.close();
+        QProcess daemon;
+        const QString address = startBus(daemon, config.fileName(), sessionOf(home));
+        QVERIFY(!address.isEmpty());
+        QDBusConnection bus = QDBusConnection::connectToBus(address, QStringLiteral("activation"));
+        QVERIFY(bus.isConnected());
+
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            QStringLiteral("org.lofthaven.Lofthaven"), QStringLiteral("/org/lofthaven/Lofthaven"),
+            QStringLiteral("org.freedesktop.Application"), QStringLiteral("Activate"));
+        call << QVariantMap();
+        QDBusPendingCall pending = bus.asyncCall(call, kWait);
+        QVERIFY(QTest::qWaitFor([&] { return pending.isFinished(); }, kWait));
+        QVERIFY2(!pending.isError(), qPrintable(pending.error().message()));
+        const QDBusReply<uint> pid =
+            bus.interface()->servicePid(QStringLiteral("org.lofthaven.Lofthaven"));
+        QVERIFY(pid.isValid());
+
+        ::kill(pid_t(pid.value()), SIGTERM);
+        QVERIFY(QTest::qWaitFor(
+            [&] { return !bus.interface()->isServiceRegistered("org.lofthaven.Lofthaven"); },
+            kWait));
+        QDBusConnection::disconnectFromBus(QStringLiteral("activation"));
+        daemon.kill();
+        daemon.waitForFinished();
+    }
+
     // Two programs started at the same moment, with and without a session bus: one stays, the
     // other hands over and exits 0, and a third start reaches the one that stayed.
     void twoStartsAtOnce_data()
@@ -531,12 +640,9 @@ private Q_SLOTS:
         QProcess daemon;
         QString address;
         if (bus) {
-            daemon.start(QStringLiteral("dbus-daemon"),
-                         {QStringLiteral("--config-file=" LOFTHAVEN_SOURCE_DIR
-                                         "/tests/support/bare-session-bus.conf"),
-                          QStringLiteral("--print-address=1"), QStringLiteral("--nofork")});
-            QVERIFY(QTest::qWaitFor([&] { return daemon.canReadLine(); }, 10000));
-            address = QString::fromUtf8(daemon.readLine()).trimmed();
+            address = startBus(daemon, QStringLiteral(LOFTHAVEN_SOURCE_DIR
+                                                      "/tests/support/bare-session-bus.conf"));
+            QVERIFY(!address.isEmpty());
         }
         const QProcessEnvironment env = sessionOf(home, address);
 

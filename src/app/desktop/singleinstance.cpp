@@ -1,5 +1,6 @@
 #include "app/desktop/singleinstance.h"
 
+#include "app/desktop/applicationinterface.h"
 #include "platform/applicationid.h"
 
 #include <QCryptographicHash>
@@ -50,7 +51,9 @@ bool forwardOverBus(QDBusConnection bus, const QStringList &arguments)
         QDBusMessage::createMethodCall(serviceName(), QString::fromLatin1(kObjectPath),
                                        QString::fromLatin1(kInterface), QStringLiteral("Open"));
     call << arguments;
-    // Nobody owns the name: ServiceUnknown at once (the name is not activatable).
+    // Nobody owns the name: an error at once. The name is activatable (the desktop entry
+    // starts Lofthaven over D-Bus), but a start that finds no instance becomes the instance.
+    call.setAutoStartService(false);
     const QDBusMessage reply = bus.call(call, QDBus::Block, kForwardTimeoutMs);
     return reply.type() == QDBusMessage::ReplyMessage;
 }
@@ -109,8 +112,11 @@ SingleInstance::Claim SingleInstance::claim()
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (bus.isConnected()) {
         // The object first, so that a call arriving the moment the name is ours finds it.
+        if (!m_application)
+            m_application = new ApplicationInterface(this);
         if (!bus.registerObject(QString::fromLatin1(kObjectPath), this,
-                                QDBusConnection::ExportScriptableSlots))
+                                QDBusConnection::ExportScriptableSlots |
+                                    QDBusConnection::ExportAdaptors))
             return Claim::Unavailable;
         const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
             bus.interface()->registerService(serviceName(),

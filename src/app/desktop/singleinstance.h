@@ -9,8 +9,11 @@ class QLocalServer;
 
 namespace lofthaven {
 
+class ApplicationInterface;
+
 // One window process per session. The first process owns the D-Bus name
-// org.lofthaven.Lofthaven and serves Open(as) at /org/lofthaven/Lofthaven; later processes
+// org.lofthaven.Lofthaven and serves Open(as) at /org/lofthaven/Lofthaven, beside
+// org.freedesktop.Application (ApplicationInterface) for launchers; later processes
 // hand their arguments to it and exit. Without a session bus an abstract-namespace local
 // socket, named after the user and the home folder, does the same. Owning the name (or
 // binding the socket) is atomic, so of two processes started together exactly one wins.
@@ -49,6 +52,7 @@ private:
     void readConnection();
 
     QLocalServer *m_server = nullptr;
+    ApplicationInterface *m_application = nullptr;
     bool m_registered = false;
     std::function<void(const QStringList &)> m_handler;
     QList<QStringList> m_pending;
