@@ -18,8 +18,12 @@ Item {
 
     ColumnLayout {
         visible: appModel.signedIn
-        anchors.fill: parent
+        // The same centred column as Send and Receive.
+        anchors.top: parent.top
+        anchors.bottom: parent.bottom
         anchors.margins: 24
+        anchors.horizontalCenter: parent.horizontalCenter
+        width: Math.min(parent.width - 48, 720)
         spacing: 12
 
         RowLayout {

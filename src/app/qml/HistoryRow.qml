@@ -22,7 +22,11 @@ Card {
             Layout.fillWidth: true
             Label { text: row.model.name; font.bold: true; elide: Text.ElideMiddle; Layout.fillWidth: true }
             Label {
+                objectName: "historyDetails"
                 color: theme.colors.secondaryText
+                // Narrow rows wrap between the parts, never inside one ("expires 26 Nov…").
+                wrapMode: Text.Wrap
+                maximumLineCount: 2
                 elide: Text.ElideRight
                 Layout.fillWidth: true
                 text: {
@@ -33,7 +37,7 @@ Card {
                         parts.push(qsTr("Code ") + desktop.formatCode(row.model.code))
                     parts.push(desktop.formatBytes(row.model.size))
                     parts.push(row.expired ? qsTr("expired") : qsTr("expires ") + desktop.formatTime(row.model.expiresAt))
-                    return parts.join("  ·  ")
+                    return parts.map(function (part) { return part.replace(/ /g, "\u00a0") }).join("  ·  ")
                 }
             }
         }

@@ -6,8 +6,12 @@ import QtQuick.Layouts
 Item {
     objectName: "historyView"
     ColumnLayout {
-        anchors.fill: parent
+        // The same centred column as Send and Receive.
+        anchors.top: parent.top
+        anchors.bottom: parent.bottom
         anchors.margins: 24
+        anchors.horizontalCenter: parent.horizontalCenter
+        width: Math.min(parent.width - 48, 720)
         spacing: 12
         RowLayout {
             TypeIcon { symbol: "clock.arrow.circlepath"; size: 24; color: theme.colors.accentText }
