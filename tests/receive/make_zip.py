@@ -68,6 +68,8 @@ STORED = {
     "device": [(entry("tty", stat.S_IFCHR | 0o666), b"")],
     "socket": [(entry("sock", stat.S_IFSOCK | 0o644), b"")],
     "duplicate": [("same.txt", b"first\n"), ("same.txt", b"second, hostile\n")],
+    # The same name composed and decomposed: distinct on Linux, one name once read back.
+    "duplicate-composed": [("\u1e8e.txt", b"composed\n"), ("Y\u0307.txt", b"decomposed\n")],
     "file-then-folder": [("thing", b"file\n"), ("thing/inner.txt", b"inner\n")],
     "setuid": [(entry("tool", stat.S_IFREG | 0o6777), b"#!/bin/sh\n"),
                (entry("shared/", stat.S_IFDIR | 0o1777, is_dir=True), None)],

@@ -202,6 +202,8 @@ void TestUnzipInPlace::refusesHostile_data()
     row("socket", u"socket"_s, u"not a regular file or folder: sock"_s);
     row("NUL in a name", u"nul-name"_s, u"NUL in name nul$"_s);
     row("duplicate names", u"duplicate"_s, u"duplicate name same\\.txt"_s);
+    row("one name composed and decomposed", u"duplicate-composed"_s,
+        u"duplicate name \u1E8E\\.txt"_s);
     row("file then folder of the same name", u"file-then-folder"_s, u"thing/inner\\.txt: "_s);
     row("bomb: 8 MiB of zeros, 1 MiB budget", u"bomb"_s, u"more bytes than the budget of 1048576"_s,
         1024 * 1024);
