@@ -18,6 +18,8 @@ using namespace lofthaven;
 
 int main(int argc, char *argv[])
 {
+    // Rendered as the app renders it (lofthaven chooses the same way).
+    DesktopShell::preferSoftwareRenderingWithoutGpu();
     QGuiApplication app(argc, argv);
     DesktopShell::setUpApplication();
     if (argc < 2) {

@@ -226,19 +226,6 @@ void DesktopShell::serviceSend(const QStringList &files, bool toDevices, SendJob
 
 namespace {
 
-// Without a GPU render node, Mesa renders OpenGL on the CPU (llvmpipe): its JIT costs about
-// 90 MiB of memory and draws this window no faster than Qt Quick's own software renderer.
-void preferSoftwareRenderingWithoutGpu()
-{
-    if (qEnvironmentVariableIsSet("QT_QUICK_BACKEND") ||
-        qEnvironmentVariableIsSet("QSG_RHI_BACKEND"))
-        return;
-    const QDir dri(QStringLiteral("/dev/dri"));
-    if (!dri.entryList({QStringLiteral("renderD*")}, QDir::System).isEmpty())
-        return;
-    QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
-}
-
 // The file manager's "Get Lofthaven Link" on nothing readable, with no instance to tell.
 bool lacksReadableFiles(const LaunchRequest &request)
 {
@@ -261,6 +248,19 @@ QStringList rawArguments(int argc, char **argv)
 }
 
 } // namespace
+
+// Without a GPU render node, Mesa renders OpenGL on the CPU (llvmpipe): its JIT costs about
+// 90 MiB of memory and draws this window no faster than Qt Quick's own software renderer.
+void DesktopShell::preferSoftwareRenderingWithoutGpu()
+{
+    if (qEnvironmentVariableIsSet("QT_QUICK_BACKEND") ||
+        qEnvironmentVariableIsSet("QSG_RHI_BACKEND"))
+        return;
+    const QDir dri(QStringLiteral("/dev/dri"));
+    if (!dri.entryList({QStringLiteral("renderD*")}, QDir::System).isEmpty())
+        return;
+    QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+}
 
 int runDesktop(int &argc, char **argv)
 {
@@ -288,7 +288,7 @@ int runDesktop(int &argc, char **argv)
         return 2;
     }
     setDesktopApp(true);
-    preferSoftwareRenderingWithoutGpu();
+    DesktopShell::preferSoftwareRenderingWithoutGpu();
     // Widgets for the tray icon and its menu.
     QApplication app(argc, argv);
     QGuiApplication::setApplicationVersion(QStringLiteral(LOFTHAVEN_VERSION));

@@ -39,6 +39,9 @@ public:
     bool open(bool showWindow = true);
     // Names, style and icon look-up of the application; after the QGuiApplication exists.
     static void setUpApplication();
+    // Qt Quick's own software renderer where there is no GPU render node; before the
+    // QGuiApplication exists.
+    static void preferSoftwareRenderingWithoutGpu();
     // Everything one start of `lofthaven` asks for, in this process or forwarded to it.
     void handleRequest(const LaunchRequest &request);
     // Files and URLs handed to the application: files staged on the send tab, then each
