@@ -1,6 +1,7 @@
 #include "app/desktop/settingswindow.h"
 
 #include "app/desktop/desktopbridge.h"
+#include "app/desktop/qmlwindow.h"
 #include "model/appmodel.h"
 #include "platform/apperror.h"
 #include "platform/devicename.h"
@@ -10,8 +11,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QQmlComponent>
-#include <QQmlContext>
 #include <QQmlEngine>
 #include <QQuickWindow>
 #include <QStandardPaths>
@@ -45,18 +44,9 @@ bool SettingsWindow::load()
 {
     if (m_window)
         return true;
-    auto *context = new QQmlContext(m_engine->rootContext(), this);
-    context->setContextProperty(QStringLiteral("settings"), this);
-    QQmlComponent component(m_engine, QUrl(QStringLiteral("qrc:/qml/SettingsView.qml")));
-    QObject *made = component.create(context);
-    m_window = qobject_cast<QQuickWindow *>(made);
-    if (!m_window) {
-        qWarning("lofthaven: the settings window could not be loaded: %s",
-                 qPrintable(component.errorString()));
-        delete made;
-        return false;
-    }
-    return true;
+    m_window = createQmlWindow(m_engine, this, QStringLiteral("settings"),
+                               QStringLiteral("qrc:/qml/SettingsView.qml"));
+    return m_window != nullptr;
 }
 
 void SettingsWindow::show()

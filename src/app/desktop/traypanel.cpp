@@ -1,12 +1,11 @@
 #include "app/desktop/traypanel.h"
 
+#include "app/desktop/qmlwindow.h"
 #include "model/appmodel.h"
 #include "model/detach.h"
 
 #include <QCursor>
 #include <QGuiApplication>
-#include <QQmlComponent>
-#include <QQmlContext>
 #include <QQmlEngine>
 #include <QQuickWindow>
 #include <QScreen>
@@ -51,18 +50,9 @@ bool TrayPanel::load()
 {
     if (m_window)
         return true;
-    auto *context = new QQmlContext(m_engine->rootContext(), this);
-    context->setContextProperty(QStringLiteral("panel"), this);
-    QQmlComponent component(m_engine, QUrl(QStringLiteral("qrc:/qml/TrayPanel.qml")));
-    QObject *made = component.create(context);
-    m_window = qobject_cast<QQuickWindow *>(made);
-    if (!m_window) {
-        qWarning("lofthaven: the tray panel could not be loaded: %s",
-                 qPrintable(component.errorString()));
-        delete made;
-        return false;
-    }
-    return true;
+    m_window = createQmlWindow(m_engine, this, QStringLiteral("panel"),
+                               QStringLiteral("qrc:/qml/TrayPanel.qml"));
+    return m_window != nullptr;
 }
 
 void TrayPanel::toggle()
