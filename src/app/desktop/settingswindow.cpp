@@ -82,10 +82,16 @@ bool SettingsWindow::showInTray() const
 
 void SettingsWindow::setShowInTray(bool show)
 {
-    if (show == showInTray())
-        return;
-    setBoolPreference(Preference::ShowMenuBarExtra, show);
-    Q_EMIT showInTrayChanged();
+    if (changePreference(Preference::ShowMenuBarExtra, show))
+        Q_EMIT showInTrayChanged();
+}
+
+bool SettingsWindow::changePreference(Preference key, bool value)
+{
+    if (value == boolPreference(key))
+        return false;
+    setBoolPreference(key, value);
+    return true;
 }
 
 void SettingsWindow::setTrayAvailable(bool available)
@@ -103,10 +109,8 @@ bool SettingsWindow::autoDownload() const
 
 void SettingsWindow::setAutoDownload(bool enabled)
 {
-    if (enabled == autoDownload())
-        return;
-    setBoolPreference(Preference::AutoDownload, enabled);
-    Q_EMIT autoDownloadChanged();
+    if (changePreference(Preference::AutoDownload, enabled))
+        Q_EMIT autoDownloadChanged();
 }
 
 bool SettingsWindow::notifications() const
@@ -116,10 +120,8 @@ bool SettingsWindow::notifications() const
 
 void SettingsWindow::setNotifications(bool enabled)
 {
-    if (enabled == notifications())
-        return;
-    setBoolPreference(Preference::Notifications, enabled);
-    Q_EMIT notificationsChanged();
+    if (changePreference(Preference::Notifications, enabled))
+        Q_EMIT notificationsChanged();
 }
 
 QString SettingsWindow::downloadFolder() const

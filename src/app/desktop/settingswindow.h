@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/preferences.h"
+
 #include <QObject>
 #include <QPointer>
 #include <QQuickWindow>
@@ -89,6 +91,8 @@ Q_SIGNALS:
 
 private:
     bool load();
+    // Stores `value` under `key`; whether it changed anything.
+    static bool changePreference(Preference key, bool value);
 
     AppModel *m_model;
     QQmlEngine *m_engine;
